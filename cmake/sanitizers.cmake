@@ -1,0 +1,20 @@
+# Warnings and sanitizers for this project's own targets only, so that a parent project that
+# pulls the library in with add_subdirectory keeps its own flags.
+add_library(kiv_http_build_flags INTERFACE)
+target_compile_options(kiv_http_build_flags INTERFACE -Wall -Wextra)
+if(KIV_HTTP_WERROR)
+    target_compile_options(kiv_http_build_flags INTERFACE -Werror)
+endif()
+
+if(KIV_HTTP_SANITIZE STREQUAL "address")
+    set(kiv_sanitize_flags -fsanitize=address,undefined -fno-sanitize-recover=all
+        -fno-omit-frame-pointer)
+elseif(KIV_HTTP_SANITIZE STREQUAL "thread")
+    set(kiv_sanitize_flags -fsanitize=thread -fno-omit-frame-pointer)
+elseif(NOT KIV_HTTP_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "KIV_HTTP_SANITIZE must be empty, 'address' or 'thread'")
+endif()
+if(kiv_sanitize_flags)
+    target_compile_options(kiv_http_build_flags INTERFACE ${kiv_sanitize_flags})
+    target_link_options(kiv_http_build_flags INTERFACE ${kiv_sanitize_flags})
+endif()

@@ -1,0 +1,55 @@
+#ifndef KIV_UTILITY_NETWORKING_KIV_HTTPREQUESTMAKER_H
+#define KIV_UTILITY_NETWORKING_KIV_HTTPREQUESTMAKER_H
+
+#include "core/utility/Memory/kiv_shared_ptr.h"
+#include "core/utility/Networking/kiv_HttpRequest.h"
+#include "core/utility/Networking/kiv_HttpResponse.h"
+
+namespace kiv {
+namespace Networking {
+
+class kiv_http_request_maker;
+
+// Completion callback of a streaming request: called on a library thread (a pool worker, or the
+// timer thread for a timeout) with a strong reference to the task, the response of this
+// delivery and the caller's parameter unchanged. The first two refer to locals of the caller and
+// are valid only during the call: copy the shared pointers to keep them. No lock of the task is
+// held, so the callback may call cancel() or send_data() or drop its references.
+typedef void (*request_callback_fn)(kiv::Memory::kiv_shared_ptr<kiv_http_request_maker>& maker,
+                                    kiv::Memory::kiv_shared_ptr<kiv_HttpResponse>& response,
+                                    kiv::Memory::kiv_shared_ptr_base* userParam);
+
+// The entry point of the HTTP layer.
+class kiv_http_request_maker {
+public:
+    virtual ~kiv_http_request_maker() {}
+
+    // Starts a streaming exchange (HTTP_REQUEST_METHOD_CHUNK_UP or _CHUNK_DOWN) and returns at
+    // once; results arrive through `callbackFn`.
+    virtual void start_request(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request,
+                               request_callback_fn callbackFn,
+                               kiv::Memory::kiv_shared_ptr_base* callbackUserParam) = 0;
+    // Queues upload bytes; `is_last` marks the end of the body.
+    virtual void send_data(kiv::Memory::kiv_shared_ptr<unsigned char>& post_data, long data_len,
+                           bool is_last) = 0;
+    // Stops the task from any thread; nothing is delivered afterwards.
+    virtual void cancel() = 0;
+
+    // A new, independent streaming task; the caller holds the only strong reference.
+    static kiv::Memory::kiv_shared_ptr<kiv_http_request_maker> get_instance();
+
+    // One GET (or POST, when `_BODY_LENGTH` > 0) run to its end on the calling thread.
+    // Returns an empty pointer for an unusable request (no request, no URL text, a positive body
+    // length without body bytes). Otherwise the response carries the HTTP status when libcurl
+    // completed the transfer, HTTP_REQUEST_ABORTED when the request was cancelled, and neither
+    // for any other failure (connect, TLS, time limit); body bytes and header lines received
+    // before an abort or failure are kept. "https://" URLs (exactly that prefix) are fetched
+    // without certificate verification. Safe on many threads at once.
+    static kiv::Memory::kiv_shared_ptr<kiv_HttpResponse> execute(
+        kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request);
+};
+
+}  // namespace Networking
+}  // namespace kiv
+
+#endif

@@ -1,0 +1,103 @@
+#include "core/utility/kiv_log.h"
+
+#include <cstring>
+
+#include "core/utility/Threads/Synchronization/AppLock.h"
+
+namespace kiv {
+
+using Threads::Synchronization::AppLock;
+using Threads::Synchronization::AppMutex;
+
+namespace log_detail {
+std::atomic<int32_t> g_log_level{2};
+}
+
+void set_log_level(int32_t level) { log_detail::g_log_level.store(level, std::memory_order_relaxed); }
+int32_t get_log_level() { return log_detail::g_log_level.load(std::memory_order_relaxed); }
+
+const char* get_file_name(const char* path) {
+    if (!path) {
+        return "";
+    }
+    const char* slash = strrchr(path, '/');
+    return slash ? slash + 1 : path;
+}
+
+std::string LogFile::_s_log_file_name;
+FILE* LogFile::_s_log_file = nullptr;
+unsigned long LogFile::_s_log_file_size = 0;
+AppMutex LogFile::_s_log_file_mutex(false);
+unsigned long LogFile::_s_log_file_limit = 0;
+
+void LogFile::log(const char* line) {
+    if (!line) {
+        return;
+    }
+    size_t len = strlen(line);
+    bool needsNewline = len == 0 || line[len - 1] != '\n';
+    size_t total = len + (needsNewline ? 1 : 0);
+
+    AppLock lock(&_s_log_file_mutex);
+    FILE* out = _s_log_file;
+    if (out) {
+        if (_s_log_file_limit > 0 && _s_log_file_size > 0 &&
+            _s_log_file_size + total > _s_log_file_limit) {
+            rotate_locked();
+            out = _s_log_file ? _s_log_file : stderr;
+        }
+    } else {
+        out = stderr;
+    }
+    fwrite(line, 1, len, out);
+    if (needsNewline) {
+        fputc('\n', out);
+    }
+    fflush(out);
+    if (out == _s_log_file) {
+        _s_log_file_size += total;
+    }
+}
+
+void LogFile::rotate_locked() {
+    fclose(_s_log_file);
+    _s_log_file = nullptr;
+    std::string backup = _s_log_file_name + ".1";
+    rename(_s_log_file_name.c_str(), backup.c_str());
+    _s_log_file = fopen(_s_log_file_name.c_str(), "a");
+    _s_log_file_size = 0;
+}
+
+void LogFile::open_log_file(const char* path, int maxBytes) {
+    AppLock lock(&_s_log_file_mutex);
+    if (_s_log_file) {
+        fclose(_s_log_file);
+        _s_log_file = nullptr;
+    }
+    _s_log_file_name = path ? path : "";
+    _s_log_file_limit = maxBytes > 0 ? static_cast<unsigned long>(maxBytes) : 0;
+    _s_log_file_size = 0;
+    if (_s_log_file_name.empty()) {
+        return;
+    }
+    _s_log_file = fopen(_s_log_file_name.c_str(), "a");
+    if (_s_log_file) {
+        long existing = ftell(_s_log_file);
+        if (existing <= 0 && fseek(_s_log_file, 0, SEEK_END) == 0) {
+            existing = ftell(_s_log_file);
+        }
+        _s_log_file_size = existing > 0 ? static_cast<unsigned long>(existing) : 0;
+    }
+}
+
+void LogFile::close_log_file() {
+    AppLock lock(&_s_log_file_mutex);
+    if (_s_log_file) {
+        fflush(_s_log_file);
+        fclose(_s_log_file);
+        _s_log_file = nullptr;
+    }
+    _s_log_file_size = 0;
+}
+
+}  // namespace kiv

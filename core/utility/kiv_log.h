@@ -1,0 +1,77 @@
+#ifndef KIV_UTILITY_KIV_LOG_H
+#define KIV_UTILITY_KIV_LOG_H
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "core/utility/Threads/Synchronization/AppMutex.h"
+#include "core/utility/kiv_utility.h"
+
+namespace kiv {
+
+namespace log_detail {
+extern std::atomic<int32_t> g_log_level;
+}
+
+// Lines of level n are written when n <= the current level. Levels used by the library:
+// 2 errors (the default), 5 debug, 6 trace. Any thread may change the level at any time.
+void set_log_level(int32_t level);
+int32_t get_log_level();
+
+inline bool can_log(int32_t level) {
+    return level <= log_detail::g_log_level.load(std::memory_order_relaxed);
+}
+
+// The part of `path` after its last '/'; points into `path`.
+const char* get_file_name(const char* path);
+
+// The process-wide log sink. Lines go to standard error until a file is opened, and back to it
+// once the file is closed. Every call is safe from any thread; a line is written whole, never
+// interleaved with another, and flushed at once so that it survives a crash. The sink never calls
+// back into the library and takes no lock but its own.
+class LogFile {
+public:
+    // Appends one finished line. A line that does not end in '\n' (one cut at the formatting
+    // buffer's size) gets one, so the next line starts on its own.
+    static void log(const char* line);
+
+    // Appends to `path` from now on. When a line would take the file past `maxBytes` bytes
+    // (0 or less: no limit), the file is renamed to `path` + ".1", replacing an older backup,
+    // and a new file is started. A file that cannot be opened leaves lines on standard error.
+    static void open_log_file(const char* path, int maxBytes);
+
+    // Flushes and closes the file; later lines go to standard error.
+    static void close_log_file();
+
+private:
+    static void rotate_locked();
+
+    static std::string _s_log_file_name;
+    static FILE* _s_log_file;
+    static unsigned long _s_log_file_size;
+    static Threads::Synchronization::AppMutex _s_log_file_mutex;
+    static unsigned long _s_log_file_limit;
+};
+
+}  // namespace kiv
+
+// Writes one log line at `level` when that level is enabled. The format starts with the level's
+// tag, "-[%s]" for the time and "[%s:LINE]" for the file; the macro supplies those two values.
+// A disabled level evaluates no argument and reads no clock. Lines longer than 10239 characters
+// are cut, not dropped.
+#define KIV_LOG(level, format, ...)                                                       \
+    do {                                                                                  \
+        if (::kiv::can_log(level)) {                                                      \
+            char kiv_log_line_[10240];                                                    \
+            {                                                                             \
+                std::string kiv_log_time_ = ::kiv::get_gmt_time();                        \
+                snprintf(kiv_log_line_, sizeof kiv_log_line_, format, kiv_log_time_.c_str(), \
+                         ::kiv::get_file_name(__FILE__), ##__VA_ARGS__);                  \
+            }                                                                             \
+            ::kiv::LogFile::log(kiv_log_line_);                                           \
+        }                                                                                 \
+    } while (0)
+
+#endif
