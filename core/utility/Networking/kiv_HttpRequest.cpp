@@ -40,6 +40,13 @@ kiv_shared_ptr<kiv_HttpRequest> kiv_HttpRequest::requestWithUrl(const std::strin
     return requestWithUrl(text);
 }
 
+kiv_shared_ptr<kiv_HttpRequest> kiv_HttpRequest::requestWithUrl(const char* url) {
+    if (!url) {
+        return requestWithUrl(kiv_shared_ptr<char>());
+    }
+    return requestWithUrl(std::string(url));
+}
+
 void kiv_HttpRequest::cancel() {
     void (*handler)(kiv::Memory::kiv_shared_ptr_base*) = nullptr;
     {

@@ -27,6 +27,8 @@ public:
     static kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> requestWithUrl(
         kiv::Memory::kiv_shared_ptr<char> url);
     static kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> requestWithUrl(const std::string& url);
+    // Keeps a string literal from being read as a shared buffer; null gives an empty URL.
+    static kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> requestWithUrl(const char* url);
 
     // One-way: marks the request cancelled. The first call also runs the cancellation handler,
     // if one was installed, outside the request's lock.

@@ -12,6 +12,7 @@ namespace Networking {
 class kiv_HttpTask_impl : public kiv_http_request_maker {
 private:
     friend class kiv_http_request_maker;
+    friend struct TaskTestAccess;  // white-box tests of the libcurl callbacks
 
     // libcurl callbacks of the one-shot request. They run on the calling thread inside
     // curl_easy_perform and touch only the record libcurl hands them.
