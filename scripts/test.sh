@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs the dependencies, then builds and runs the whole test suite twice: an optimised
+# build (which also checks that an installed copy works through find_package and that the
+# library works through add_subdirectory), and an AddressSanitizer + UndefinedBehaviorSanitizer
+# build that halts on the first error.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+jobs=${JOBS:-2}
+
+bash scripts/install-deps.sh
+
+export ASAN_OPTIONS=halt_on_error=1:detect_leaks=1:abort_on_error=0
+export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+
+run_suite() {
+    local dir=$1; shift
+    cmake -S "$root" -B "$dir" -G Ninja "$@" >/dev/null
+    cmake --build "$dir" -j "$jobs"
+    ctest --test-dir "$dir" -j "$jobs" --output-on-failure --timeout 300
+}
+
+echo "== optimised build"
+run_suite build/release -DCMAKE_BUILD_TYPE=Release -DKIV_HTTP_CONSUMER_TESTS=ON
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+run_suite build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_HTTP_SANITIZE=address \
+    -DKIV_HTTP_BUILD_BENCH=OFF -DKIV_HTTP_BUILD_TOOLS=OFF
