@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,6 +37,22 @@ protected:
     std::string path_;
 };
 
+// True when `text` has the shape of `shape`, where '9' stands for any digit.
+bool matches_shape(const std::string& text, const std::string& shape) {
+    if (text.size() != shape.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < shape.size(); ++i) {
+        bool digit = text[i] >= '0' && text[i] <= '9';
+        if (shape[i] == '9' ? !digit : text[i] != shape[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+const char kTimeShape[] = "9999-99-99 99:99:99.999";
+
 int g_evaluations = 0;
 const char* counted(const char* text) {
     ++g_evaluations;
@@ -62,10 +77,9 @@ TEST_F(LogTest, DisabledLevelEvaluatesNothingAndEnabledLineHasFixedHead) {
 
     std::vector<std::string> lines = read_lines(path_);
     ASSERT_EQ(lines.size(), 2u);
-    std::regex head(
-        R"(\[DEBUG\]-\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\]\[test_kiv_log\.cpp:662\])"
-        R"(\[kiv_HttpTask_impl::cancel\] this=\(nil\) \+)");
-    EXPECT_TRUE(std::regex_match(lines[0], head)) << lines[0];
+    const std::string expected = std::string("[DEBUG]-[") + kTimeShape +
+                                 "][test_kiv_log.cpp:662][kiv_HttpTask_impl::cancel] this=(nil) +";
+    EXPECT_TRUE(matches_shape(lines[0], expected)) << lines[0];
     EXPECT_NE(lines[1].find("[test_kiv_log.cpp:42][x] counted"), std::string::npos);
 }
 
@@ -129,8 +143,7 @@ TEST_F(LogTest, ConcurrentWritersNeverInterleave) {
 }
 
 TEST(TimeTest, GmtTimeAndMicrosecondClock) {
-    std::regex format(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})");
-    EXPECT_TRUE(std::regex_match(kiv::get_gmt_time(), format));
+    EXPECT_TRUE(matches_shape(kiv::get_gmt_time(), kTimeShape)) << kiv::get_gmt_time();
     unsigned long long a = kiv::get_current_time();
     unsigned long long b = kiv::get_current_time();
     EXPECT_GE(b, a);

@@ -1,0 +1,93 @@
+#ifndef KIV_UTILITY_THREADS_GLOBALTHREADPOOL_H
+#define KIV_UTILITY_THREADS_GLOBALTHREADPOOL_H
+
+#include <memory>
+
+#include "core/utility/Memory/kiv_shared_ptr.h"
+#include "core/utility/Threads/AppThreadTask.h"
+
+namespace kiv {
+namespace Threads {
+
+// The process-wide worker pool that runs dispatch tasks (streaming transfers) on worker threads.
+// Reached through Singleton<GlobalThreadPool>::instance(), which constructs it and then calls
+// initInstance() once.
+//
+// Scheduling. A streaming transfer occupies one worker for seconds to hours, so the pool never
+// leaves a queued task waiting while all of its workers are busy:
+//  - GLOBAL_POOL_THREAD_COUNT core workers are started by initInstance() and live as long as
+//    the pool;
+//  - runTaskAsync() queues the task (first in, first out) and, under the pool's mutex, hands it
+//    to an idle worker if there is one; otherwise it starts another worker at once, up to
+//    MAX_POOL_THREAD_COUNT workers in all, after which tasks wait in the queue for the next
+//    worker that finishes;
+//  - a worker above the core count that stays idle for EXTRA_WORKER_IDLE_MS ends.
+//  Idle workers are counted exactly: a worker that has been handed a wake-up but has not yet
+//  run is no longer counted as idle, so a burst of N tasks starts as many workers as needed to
+//  run all N at once. The queue, the counters and the wake-ups are all under one mutex, which
+//  also makes the task's fields (written before runTaskAsync) visible to the worker.
+//
+// Running a task. A worker calls task->doExecute() (a task with isStopRunLoopTask set is not
+// executed, only released), then drops the pool's reference to the task; both happen without any
+// pool lock held, so a task may queue further tasks, and whatever the task's release destroys
+// runs lock-free too. A C++ exception that leaves a task is logged and the worker carries on;
+// a task that ends its thread (pthread_exit, cancellation) is released, and the worker is
+// uncounted so that a new one can be started in its place.
+//
+// Shut-down (the pool is destroyed through the singleton's strong static at process exit, with
+// transfers possibly still running or blocked for minutes). The queue, the mutex, the condition
+// and the counters live in a heap object (PoolState) that is co-owned, through std::shared_ptr,
+// by the pool and by every worker; workers are detached threads. The destructor
+//  1. marks the state as shut down,
+//  2. takes every queued task that never started out of the queue and releases it (outside the
+//     lock), so its parameter and instance references are dropped exactly once,
+//  3. wakes every idle worker, which then ends,
+//  4. and returns without waiting for busy workers.
+// A busy worker finishes its task whenever the task returns, releases it, sees the shut-down
+// mark and ends; it touches only the shared state, which it keeps alive itself, never the
+// destroyed pool. The last owner (the pool or the last worker) frees the state. Therefore process
+// exit never hangs on a blocked transfer, and no worker touches freed memory; a worker that is
+// still blocked in a task when the process ends simply disappears with the process. The
+// destructor may run on any thread, including a worker (when a task held the last reference).
+class GlobalThreadPool {
+public:
+    // Number of core workers (kept while the pool lives). Read when a pool is constructed.
+    static int GLOBAL_POOL_THREAD_COUNT;
+    // Upper bound on the number of workers; further tasks queue. Read when a pool is constructed.
+    static int MAX_POOL_THREAD_COUNT;
+    // How long a worker above the core count stays idle before it ends. Read at construction.
+    static int EXTRA_WORKER_IDLE_MS;
+
+    GlobalThreadPool();
+
+    // Starts the core workers. Called once by Singleton<GlobalThreadPool>::instance(); further
+    // calls do nothing.
+    virtual void initInstance();
+
+    // See "Shut-down" above: never waits for a running task.
+    virtual ~GlobalThreadPool();
+
+    // Queues `task` and returns at once; a worker runs it later and then drops the pool's
+    // reference. Returns false (and logs) for an empty reference, or when no worker exists and
+    // none could be started; true when the task was queued.
+    bool runTaskAsync(kiv::Memory::kiv_shared_ptr<ASRDispatchTaskBase> task);
+
+    // Diagnostics (a snapshot, for tests and benchmarks): workers alive, of which idle, and
+    // tasks queued but not yet taken by a worker.
+    int workerCount() const;
+    int idleWorkerCount() const;
+    int queuedTaskCount() const;
+
+    struct PoolState;
+
+    GlobalThreadPool(const GlobalThreadPool&) = delete;
+    GlobalThreadPool& operator=(const GlobalThreadPool&) = delete;
+
+private:
+    std::shared_ptr<PoolState> iState;
+};
+
+}  // namespace Threads
+}  // namespace kiv
+
+#endif

@@ -1,0 +1,342 @@
+#include "tests/support/raw_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace kiv {
+namespace test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+sockaddr_in loopback_address(const std::string& address, uint16_t port) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    if (inet_pton(AF_INET, address.c_str(), &addr.sin_addr) != 1) {
+        throw std::invalid_argument("not an IPv4 address: " + address);
+    }
+    return addr;
+}
+
+// Binds a new TCP socket; returns it with the port the kernel chose.
+int bind_socket(const std::string& address, uint16_t port, uint16_t* bound_port) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        throw std::runtime_error("socket failed");
+    }
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr = loopback_address(address, port);
+    socklen_t len = sizeof addr;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        ::close(fd);
+        throw std::runtime_error("cannot bind " + address + ":" + std::to_string(port));
+    }
+    *bound_port = ntohs(addr.sin_port);
+    return fd;
+}
+
+int remaining_ms(Clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+}  // namespace
+
+RawConnection::~RawConnection() {
+    close();
+}
+
+bool RawConnection::fill(Clock::time_point deadline) {
+    pollfd p{fd_, POLLIN, 0};
+    int ready;
+    do {
+        ready = poll(&p, 1, remaining_ms(deadline));
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) {
+        return false;
+    }
+    char chunk[64 * 1024];
+    ssize_t n = recv(fd_, chunk, sizeof chunk, 0);
+    if (n <= 0) {
+        return false;
+    }
+    buffer_.append(chunk, static_cast<size_t>(n));
+    received_.append(chunk, static_cast<size_t>(n));
+    return true;
+}
+
+std::optional<std::string> RawConnection::read_head(milliseconds wait) {
+    auto deadline = Clock::now() + wait;
+    size_t end;
+    while ((end = buffer_.find("\r\n\r\n")) == std::string::npos) {
+        if (!fill(deadline)) {
+            return std::nullopt;
+        }
+    }
+    std::string head = buffer_.substr(0, end + 4);
+    buffer_.erase(0, end + 4);
+    return head;
+}
+
+std::optional<std::string> RawConnection::read_exact(size_t count, milliseconds wait) {
+    auto deadline = Clock::now() + wait;
+    while (buffer_.size() < count) {
+        if (!fill(deadline)) {
+            return std::nullopt;
+        }
+    }
+    std::string bytes = buffer_.substr(0, count);
+    buffer_.erase(0, count);
+    return bytes;
+}
+
+std::optional<RawConnection::Chunked> RawConnection::read_chunked(milliseconds wait) {
+    auto deadline = Clock::now() + wait;
+    auto read_line = [&]() -> std::optional<std::string> {
+        size_t end;
+        while ((end = buffer_.find("\r\n")) == std::string::npos) {
+            if (!fill(deadline)) {
+                return std::nullopt;
+            }
+        }
+        std::string line = buffer_.substr(0, end);
+        buffer_.erase(0, end + 2);
+        return line;
+    };
+    Chunked result;
+    for (;;) {
+        std::optional<std::string> size_line = read_line();
+        if (!size_line) {
+            return std::nullopt;
+        }
+        char* end = nullptr;
+        unsigned long size = strtoul(size_line->c_str(), &end, 16);
+        if (end == size_line->c_str()) {
+            return std::nullopt;
+        }
+        if (size == 0) {
+            break;
+        }
+        std::optional<std::string> data = read_exact(
+            size, std::max(milliseconds(0),
+                           std::chrono::duration_cast<milliseconds>(deadline - Clock::now())));
+        std::optional<std::string> crlf = read_line();
+        if (!data || !crlf || !crlf->empty()) {
+            return std::nullopt;
+        }
+        result.body += *data;
+        result.chunk_sizes.push_back(size);
+    }
+    for (;;) {  // trailer fields up to the empty line
+        std::optional<std::string> line = read_line();
+        if (!line) {
+            return std::nullopt;
+        }
+        if (line->empty()) {
+            return result;
+        }
+    }
+}
+
+bool RawConnection::write_all(const std::string& bytes) {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        ssize_t n = send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        sent += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool RawConnection::write_bytewise(const std::string& bytes) {
+    // Without Nagle's delay each byte leaves in a segment of its own.
+    int one = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    for (char c : bytes) {
+        if (!write_all(std::string(1, c))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool RawConnection::wait_for_close(milliseconds wait) {
+    auto deadline = Clock::now() + wait;
+    for (;;) {
+        pollfd p{fd_, POLLIN, 0};
+        int ready = poll(&p, 1, remaining_ms(deadline));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            return false;
+        }
+        char chunk[16 * 1024];
+        ssize_t n = recv(fd_, chunk, sizeof chunk, 0);
+        if (n <= 0) {
+            return true;
+        }
+        received_.append(chunk, static_cast<size_t>(n));
+    }
+}
+
+void RawConnection::close() {
+    std::lock_guard<std::mutex> lock(fd_mutex_);
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+void RawConnection::reset() {
+    std::lock_guard<std::mutex> lock(fd_mutex_);
+    if (fd_ >= 0) {
+        linger hard{1, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+void RawConnection::shutdown_io() {
+    std::lock_guard<std::mutex> lock(fd_mutex_);
+    if (fd_ >= 0) {
+        ::shutdown(fd_, SHUT_RDWR);
+    }
+}
+
+RawServer::RawServer(Handler handler, const std::string& address, uint16_t port)
+    : handler_(std::move(handler)), address_(address) {
+    listen_fd_ = bind_socket(address, port, &port_);
+    if (listen(listen_fd_, 64) != 0) {
+        ::close(listen_fd_);
+        throw std::runtime_error("listen failed");
+    }
+    accept_thread_ = std::thread([this] { accept_loop(); });
+}
+
+RawServer::~RawServer() {
+    stop();
+}
+
+std::string RawServer::url(const std::string& target) const {
+    return "http://" + address_ + ":" + std::to_string(port_) + target;
+}
+
+void RawServer::accept_loop() {
+    for (;;) {
+        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (!stopping_ && (errno == EINTR || errno == ECONNABORTED)) {
+                continue;
+            }
+            return;  // shut down by stop(), or the socket failed
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_) {
+            ::close(fd);
+            return;
+        }
+        auto connection = std::make_shared<RawConnection>(fd);
+        const size_t index = connections_.size();
+        connections_.push_back(connection);
+        threads_.emplace_back([this, connection, index] {
+            handler_(*connection);
+            connection->close();
+            std::lock_guard<std::mutex> done(mutex_);
+            finished_.emplace_back(index, connection->received());
+            finished_changed_.notify_all();
+        });
+    }
+}
+
+bool RawServer::wait_for_finished(size_t count, milliseconds wait) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return finished_changed_.wait_for(lock, wait, [&] { return finished_.size() >= count; });
+}
+
+std::vector<std::string> RawServer::received() const {
+    std::vector<std::pair<size_t, std::string>> finished;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        finished = finished_;
+    }
+    std::sort(finished.begin(), finished.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<std::string> bytes;
+    for (auto& f : finished) {
+        bytes.push_back(std::move(f.second));
+    }
+    return bytes;
+}
+
+void RawServer::stop() {
+    if (stopping_.exchange(true)) {
+        return;
+    }
+    // On Linux, shutting down a listening socket makes a blocked accept() return.
+    ::shutdown(listen_fd_, SHUT_RDWR);
+    accept_thread_.join();
+    std::vector<std::thread> threads;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto& connection : connections_) {
+            connection->shutdown_io();
+        }
+        threads.swap(threads_);
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    ::close(listen_fd_);
+    listen_fd_ = -1;
+}
+
+ClosedPort::ClosedPort(const std::string& address) {
+    fd_ = bind_socket(address, 0, &port_);
+}
+
+ClosedPort::~ClosedPort() {
+    ::close(fd_);
+}
+
+std::optional<std::string> find_header(const std::string& head, const std::string& name) {
+    size_t pos = head.find("\r\n");
+    while (pos != std::string::npos) {
+        size_t start = pos + 2;
+        size_t end = head.find("\r\n", start);
+        if (end == std::string::npos || end == start) {
+            break;
+        }
+        size_t colon = head.find(':', start);
+        if (colon != std::string::npos && colon < end && colon - start == name.size() &&
+            strncasecmp(head.c_str() + start, name.c_str(), name.size()) == 0) {
+            size_t value = head.find_first_not_of(" \t", colon + 1);
+            return value < end ? head.substr(value, end - value) : std::string();
+        }
+        pos = end;
+    }
+    return std::nullopt;
+}
+
+}  // namespace test
+}  // namespace kiv

@@ -1,0 +1,522 @@
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/utility/kiv_log.h"
+#include "tests/streaming_fixture.h"
+#include "tests/support/http_server.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/raw_server.h"
+#include "tests/support/tls_cert.h"
+
+using namespace kiv::test;
+using namespace kiv::Networking;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+namespace {
+
+std::string pattern(size_t size, unsigned seed) {
+    std::string bytes(size, '\0');
+    std::mt19937 rng(seed);
+    for (char& c : bytes) {
+        c = static_cast<char>(rng());
+    }
+    return bytes;
+}
+
+// Upload endpoint that records the body and answers `status`.
+void serve_upload(HttpServer& server, unsigned status = 200) {
+    server.on("/up", [status](const ReceivedRequest&) { return Reply::text("ok", status); });
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Chunked upload
+
+TEST(ChunkedUploadTest, ServerReceivesExactBytesInOrderAsChunkedGzipPost) {
+    HttpServer server;
+    serve_upload(server);
+    Stream stream;
+    stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
+    std::string sent;
+    // Pieces smaller and much larger than libcurl's upload buffer, with zero bytes inside.
+    for (size_t size : {1u, 3200u, 70000u, 0u, 200000u, 17u, 65536u}) {
+        std::string piece = pattern(size, static_cast<unsigned>(size));
+        stream.send(piece, false);
+        sent += piece;
+    }
+    stream.send("", true);  // an empty last piece ends the body
+    ASSERT_TRUE(stream.wait_final());
+    ASSERT_TRUE(server.wait_for_requests(1, seconds(5)));
+
+    ReceivedRequest seen = server.requests().at(0);
+    EXPECT_EQ(seen.method, "POST");
+    EXPECT_EQ(seen.header("Transfer-Encoding"), "chunked");
+    EXPECT_EQ(seen.header("Content-Encoding"), "gzip");
+    ASSERT_EQ(seen.body.size(), sent.size());
+    EXPECT_TRUE(seen.body == sent) << "bytes lost, duplicated or reordered";
+
+    std::vector<Delivery> all = stream.deliveries();
+    ASSERT_EQ(all.size(), 1u) << "an upload makes exactly one delivery";
+    EXPECT_EQ(all[0].status, 200);
+    EXPECT_EQ(all[0].error, HTTP_REQUEST_OK);
+    EXPECT_NE(all[0].thread, std::this_thread::get_id());
+}
+
+TEST(ChunkedUploadTest, ConcurrentSendersKeepEachPieceWholeAndInTheirOrder) {
+    HttpServer server;
+    serve_upload(server);
+    Stream stream;
+    stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
+    constexpr int kThreads = 4;
+    constexpr int kPieces = 200;
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kThreads; ++t) {
+        senders.emplace_back([&stream, t] {
+            for (int i = 0; i < kPieces; ++i) {
+                // Self-describing piece: thread, sequence number, length, filler.
+                size_t len = 16 + static_cast<size_t>((i * 131 + t * 17) % 5000);
+                std::string piece(len, static_cast<char>('a' + t));
+                snprintf(&piece[0], 15, "%1d%05d%08zu", t, i, len);
+                piece[14] = static_cast<char>('a' + t);  // over snprintf's terminator
+                stream.send(piece, false);
+            }
+        });
+    }
+    for (auto& th : senders) {
+        th.join();
+    }
+    stream.send("", true);
+    ASSERT_TRUE(stream.wait_final());
+    ASSERT_TRUE(server.wait_for_requests(1, seconds(5)));
+    const std::string body = server.requests().at(0).body;
+
+    int next[kThreads] = {0};
+    size_t at = 0;
+    while (at < body.size()) {
+        ASSERT_GE(body.size() - at, 16u);
+        int t = body[at] - '0';
+        ASSERT_TRUE(t >= 0 && t < kThreads);
+        int seq = std::stoi(body.substr(at + 1, 5));
+        size_t len = std::stoul(body.substr(at + 6, 8));
+        ASSERT_EQ(seq, next[t]) << "pieces of one sender out of order or lost";
+        ASSERT_LE(at + len, body.size());
+        ASSERT_EQ(body.compare(at + 14, len - 14, std::string(len - 14, static_cast<char>('a' + t))),
+                  0)
+            << "a piece was split or mixed with another";
+        ++next[t];
+        at += len;
+    }
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_EQ(next[t], kPieces);
+    }
+}
+
+TEST(ChunkedUploadTest, ErrorStatusIsDeliveredOnce) {
+    HttpServer server;
+    serve_upload(server, 404);
+    Stream stream;
+    stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
+    stream.send("abc", true);
+    ASSERT_TRUE(stream.wait_final());
+    stream.release();
+    ASSERT_TRUE(stream.wait_finished());
+    std::vector<Delivery> finals = stream.finals();
+    ASSERT_EQ(finals.size(), 1u);
+    EXPECT_EQ(finals[0].status, 404);
+    EXPECT_EQ(finals[0].error, HTTP_REQUEST_OK);
+}
+
+TEST(ChunkedUploadTest, CancelWhileReaderWaitsEndsWithoutDelivery) {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool firstPieceSeen = false;
+    std::atomic<bool> closed{false};
+    RawServer server([&](RawConnection& c) {
+        auto head = c.read_head();
+        if (!head) {
+            return;
+        }
+        if (find_header(*head, "Expect")) {
+            c.write_all("HTTP/1.1 100 Continue\r\n\r\n");
+        }
+        // "5\r\nfirst\r\n": once it is here, the reader is waiting for more.
+        if (c.read_exact(10)) {
+            std::lock_guard<std::mutex> lock(mutex);
+            firstPieceSeen = true;
+            cv.notify_all();
+        }
+        closed = c.wait_for_close(milliseconds(20000));
+    });
+    Stream stream;
+    stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
+    stream.send("first", false);
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        ASSERT_TRUE(cv.wait_for(lock, seconds(10), [&] { return firstPieceSeen; }));
+    }
+    stream.task()->cancel();
+    stream.task()->cancel();  // a second cancel does nothing more
+    stream.release();
+    ASSERT_TRUE(stream.wait_finished()) << "the transfer did not end after cancel";
+    ASSERT_TRUE(server.wait_for_finished(1, milliseconds(20000)));
+    EXPECT_TRUE(closed.load());
+    EXPECT_TRUE(stream.deliveries().empty());
+}
+
+TEST(ChunkedUploadTest, BadSendDataInputQueuesNothing) {
+    HttpServer server;
+    serve_upload(server);
+    Stream stream;
+    kiv_shared_ptr<unsigned char> none;
+    stream.task()->send_data(none, 5, false);  // before start_request: ignored
+    stream.send("early", false);               // likewise
+    stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
+    {
+        LogCapture log(2);
+        stream.task()->send_data(none, 5, false);
+        kiv_shared_ptr<unsigned char> some = kiv::Memory::make_shared_array<unsigned char>(4);
+        stream.task()->send_data(some, -1, false);
+        std::vector<std::string> lines = log.finish();
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_NE(lines[0].find("[ERROR]"), std::string::npos);
+        EXPECT_NE(lines[0].find("send_data"), std::string::npos);
+    }
+    stream.send("kept", false);
+    stream.task()->send_data(none, 0, true);  // no bytes, only the end mark: valid
+    ASSERT_TRUE(stream.wait_final());
+    ASSERT_TRUE(server.wait_for_requests(1, seconds(5)));
+    EXPECT_EQ(server.requests().at(0).body, "kept");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Chunked download
+
+namespace {
+
+// Download endpoint streaming from `queue`, with optional extra reply headers.
+void serve_download(HttpServer& server, std::shared_ptr<PieceQueue> queue, unsigned status = 200,
+                    std::vector<std::pair<std::string, std::string>> headers = {}) {
+    server.on("/down", [queue, status, headers](const ReceivedRequest&) {
+        Reply reply = Reply::streamed(queue, status);
+        reply.headers = headers;
+        return reply;
+    });
+}
+
+}  // namespace
+
+TEST(ChunkedDownloadTest, PiecesArriveOneByOneThenOneSuccessDelivery) {
+    HttpServer server;
+    auto queue = std::make_shared<PieceQueue>();
+    serve_download(server, queue);
+    Stream stream;
+    stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    const std::vector<std::string> pieces = {"first", pattern(40000, 1), "\0x\0"};
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        queue->push(pieces[i]);
+        // Each piece reaches the caller while the server is still holding the next one back.
+        ASSERT_TRUE(stream.wait_deliveries(i + 1)) << "piece " << i << " was not delivered";
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(stream.body(), pieces[0] + pieces[1] + pieces[2]);
+    queue->close();
+    ASSERT_TRUE(stream.wait_final());
+    stream.release();
+    ASSERT_TRUE(stream.wait_finished());
+
+    std::vector<Delivery> finals = stream.finals();
+    ASSERT_EQ(finals.size(), 1u);
+    EXPECT_EQ(finals[0].status, 200);
+    EXPECT_EQ(finals[0].error, HTTP_REQUEST_HTTPS_REQ_SUC);
+    EXPECT_TRUE(stream.deliveries().back().final) << "nothing may follow the final delivery";
+
+    ReceivedRequest seen = server.requests().at(0);
+    EXPECT_EQ(seen.method, "POST");
+    EXPECT_EQ(seen.body, std::string(1, '\0'));
+    EXPECT_EQ(seen.header("Content-Type"), "application/octet-stream");
+    EXPECT_EQ(seen.header("Accept-Encoding"), "gzip,deflate");
+}
+
+TEST(ChunkedDownloadTest, CompressedBodyReachesCallerAsSent) {
+    HttpServer server;
+    auto queue = std::make_shared<PieceQueue>();
+    serve_download(server, queue, 200, {{"Content-Encoding", "gzip"}});
+    Stream stream;
+    stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    // Not even valid gzip: the layer must neither decode nor reject it.
+    const std::string gz = "\x1f\x8b\x08\x00garbage-that-is-not-inflated";
+    queue->push(gz);
+    queue->close();
+    ASSERT_TRUE(stream.wait_final());
+    EXPECT_EQ(stream.body(), gz);
+}
+
+TEST(ChunkedDownloadTest, StatusDecidesTheFinalDelivery) {
+    for (unsigned status : {204u, 404u}) {
+        SCOPED_TRACE(status);
+        HttpServer server;
+        auto queue = std::make_shared<PieceQueue>();
+        queue->push("body");
+        queue->close();
+        serve_download(server, queue, status);
+        Stream stream;
+        stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+        ASSERT_TRUE(server.wait_for_requests(1, seconds(5)));
+        if (status == 404) {
+            ASSERT_TRUE(stream.wait_final());
+        }
+        stream.release();
+        ASSERT_TRUE(stream.wait_finished());
+        std::vector<Delivery> finals = stream.finals();
+        if (status == 204) {
+            EXPECT_TRUE(finals.empty()) << "a 2xx other than 200 ends silently";
+        } else {
+            ASSERT_EQ(finals.size(), 1u);
+            EXPECT_EQ(finals[0].status, 404);
+            EXPECT_EQ(finals[0].error, HTTP_REQUEST_OK);
+        }
+    }
+}
+
+TEST(ChunkedDownloadTest, RefusedConnectionAndMissingUrlGiveOneErrorDelivery) {
+    ClosedPort closed;
+    Stream refused;
+    refused.start("http://127.0.0.1:" + std::to_string(closed.port()) + "/down",
+                  HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    Stream noUrl;
+    auto request = kiv_HttpRequest::requestWithUrl(kiv_shared_ptr<char>());
+    request->_METHOD = HTTP_REQUEST_METHOD_CHUNK_UP;
+    kiv_shared_ptr<Recorder> param(new Recorder(noUrl.shared()));
+    noUrl.task()->start_request(request, &Recorder::callback, &param);
+    for (Stream* s : {&refused, &noUrl}) {
+        ASSERT_TRUE(s->wait_final());
+        std::vector<Delivery> all = s->deliveries();
+        ASSERT_EQ(all.size(), 1u);
+        EXPECT_EQ(all[0].error, HTTP_REQUEST_CHUNK_REQ_ERROR);
+        EXPECT_EQ(all[0].status, 0);
+        EXPECT_EQ(all[0].message, "[kiv_Chunk_Connection]downStream encouter error.");
+    }
+}
+
+TEST(ChunkedDownloadTest, CancelStopsDeliveriesAlsoFromInsideTheCallback) {
+    for (bool fromCallback : {false, true}) {
+        SCOPED_TRACE(fromCallback);
+        HttpServer server;
+        auto queue = std::make_shared<PieceQueue>();
+        serve_download(server, queue);
+        Stream stream;
+        if (fromCallback) {
+            stream.shared()->on_delivery = [](kiv_shared_ptr<kiv_http_request_maker>& maker,
+                                              const Delivery&) { maker->cancel(); };
+        }
+        stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+        queue->push("one");
+        ASSERT_TRUE(stream.wait_deliveries(1));
+        if (!fromCallback) {
+            stream.task()->cancel();
+        }
+        queue->push("two");
+        queue->push("three");
+        stream.release();
+        ASSERT_TRUE(stream.wait_finished());
+        std::vector<Delivery> all = stream.deliveries();
+        ASSERT_EQ(all.size(), 1u) << "a delivery came after cancel()";
+        EXPECT_EQ(all[0].body, "one");
+    }
+}
+
+TEST(ChunkedDownloadTest, CancelBeforeStartDeliversNothing) {
+    HttpServer server;
+    auto queue = std::make_shared<PieceQueue>();
+    queue->push("never delivered");
+    queue->close();
+    serve_download(server, queue);
+    Stream stream;
+    stream.task()->cancel();
+    stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    stream.release();
+    ASSERT_TRUE(stream.wait_finished());
+    EXPECT_TRUE(stream.deliveries().empty());
+}
+
+TEST(ChunkedDownloadTest, TaskOutlivesCallerAndStillDelivers) {
+    HttpServer server;
+    auto queue = std::make_shared<PieceQueue>();
+    serve_download(server, queue);
+    Stream stream;
+    stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    ASSERT_TRUE(server.wait_for_requests(1, seconds(5)));
+    stream.task() = static_cast<kiv_http_request_maker*>(nullptr);  // the caller lets go
+    queue->push("late");
+    queue->close();
+    ASSERT_TRUE(stream.wait_final());
+    EXPECT_EQ(stream.body(), "late");
+    EXPECT_EQ(stream.finals().at(0).error, HTTP_REQUEST_HTTPS_REQ_SUC);
+}
+
+TEST(StreamingStartTest, BadOrOneShotRequestsStartNothing) {
+    LogCapture log(2);
+    Stream stream;
+    stream.task()->start_request(kiv_shared_ptr<kiv_HttpRequest>(), &Recorder::callback, nullptr);
+    std::vector<std::string> lines = log.finish();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("request is NULL"), std::string::npos);
+
+    HttpServer server;
+    serve_upload(server);
+    stream.start(server.url("/up"), HTTP_REQUEST_METHOD_GET);
+    stream.send("queued, never read", true);
+    stream.release();
+    ASSERT_TRUE(stream.wait_finished(seconds(5)));
+    EXPECT_TRUE(stream.deliveries().empty());
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(StreamingStartTest, NullUserParameterIsPassedThrough) {
+    HttpServer server;
+    serve_upload(server);
+    static std::atomic<int> calls{0};
+    static std::atomic<bool> sawNull{false};
+    calls = 0;
+    auto task = kiv_http_request_maker::get_instance();
+    auto request = kiv_HttpRequest::requestWithUrl(server.url("/up"));
+    request->_METHOD = HTTP_REQUEST_METHOD_CHUNK_UP;
+    task->start_request(
+        request,
+        [](kiv_shared_ptr<kiv_http_request_maker>&, kiv_shared_ptr<kiv_HttpResponse>&,
+           kiv_shared_ptr_base* param) {
+            sawNull = param == nullptr;
+            calls.fetch_add(1);
+        },
+        nullptr);
+    kiv_shared_ptr<unsigned char> none;
+    task->send_data(none, 0, true);
+    ASSERT_TRUE(server.wait_for_requests(1, seconds(5)));
+    for (int i = 0; i < 500 && calls.load() == 0; ++i) {
+        std::this_thread::sleep_for(milliseconds(10));  // polling a flag, bounded
+    }
+    EXPECT_EQ(calls.load(), 1);
+    EXPECT_TRUE(sawNull.load());
+}
+
+// ---------------------------------------------------------------------------------------------
+// HTTPS host pinning
+
+namespace {
+
+bool can_bind(const std::string& address, uint16_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    inet_pton(AF_INET, address.c_str(), &addr.sin_addr);
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    close(fd);
+    return ok;
+}
+
+}  // namespace
+
+TEST(HostPinningEndToEndTest, ConnectsToIpWhileSpeakingToTheHostName) {
+    const std::string address = "127.0.0.2";
+    const std::string host = "asr.kiv-pinning.test";  // a name no resolver knows
+    if (!can_bind(address, 443)) {
+        GTEST_SKIP() << "cannot bind " << address << ":443 here (needs root or "
+                     << "CAP_NET_BIND_SERVICE); HTTPS pinning not exercised";
+    }
+    TlsCert cert = make_self_signed_cert(host, false);
+    HttpServerOptions options;
+    options.address = address;
+    options.port = 443;
+    options.tls = cert;
+    HttpServer server(options);
+    auto queue = std::make_shared<PieceQueue>();
+    serve_download(server, queue);
+    serve_upload(server);
+
+    Stream down;
+    down.start("https://" + address + "/down", HTTP_REQUEST_METHOD_CHUNK_DOWN,
+               "https://" + host + "/down");
+    Stream up;
+    up.start("https://" + address + "/up", HTTP_REQUEST_METHOD_CHUNK_UP, "https://" + host + "/up");
+    up.send("pinned audio", true);
+    queue->push("pinned result");
+    queue->close();
+    ASSERT_TRUE(down.wait_final());
+    ASSERT_TRUE(up.wait_final());
+    EXPECT_EQ(down.body(), "pinned result");
+    EXPECT_EQ(down.finals().at(0).error, HTTP_REQUEST_HTTPS_REQ_SUC);
+    EXPECT_EQ(up.finals().at(0).status, 200);
+    ASSERT_TRUE(server.wait_for_requests(2, seconds(5)));
+    for (const ReceivedRequest& seen : server.requests()) {
+        EXPECT_EQ(seen.sni, host);
+        EXPECT_EQ(seen.header("Host"), host);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Many streams at once
+
+TEST(StreamingConcurrencyTest, ManyUploadsAndDownloadsEachEndOnceWithEveryByte) {
+    constexpr int kPairs = 64;
+    HttpServer server;
+    serve_upload(server);
+    server.on("/many", [](const ReceivedRequest& r) {
+        auto queue = std::make_shared<PieceQueue>();
+        // Echo the query back in three pieces so every stream has its own bytes.
+        queue->push("<" + r.query);
+        queue->push(std::string(5000, 'x'));
+        queue->push(r.query + ">");
+        queue->close();
+        return Reply::streamed(queue);
+    });
+    std::vector<std::unique_ptr<Stream>> ups, downs;
+    for (int i = 0; i < kPairs; ++i) {
+        ups.push_back(std::make_unique<Stream>());
+        downs.push_back(std::make_unique<Stream>());
+        ups.back()->start(server.url("/up?" + std::to_string(i)), HTTP_REQUEST_METHOD_CHUNK_UP);
+        downs.back()->start(server.url("/many?" + std::to_string(i)),
+                            HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    }
+    for (int i = 0; i < kPairs; ++i) {
+        ups[i]->send(pattern(10000 + i, i), false);
+        ups[i]->send(std::to_string(i), true);
+    }
+    for (int i = 0; i < kPairs; ++i) {
+        ASSERT_TRUE(ups[i]->wait_final(seconds(60))) << "upload " << i;
+        ASSERT_TRUE(downs[i]->wait_final(seconds(60))) << "download " << i;
+    }
+    for (int i = 0; i < kPairs; ++i) {
+        ups[i]->release();
+        downs[i]->release();
+        ASSERT_TRUE(ups[i]->wait_finished());
+        ASSERT_TRUE(downs[i]->wait_finished());
+        EXPECT_EQ(ups[i]->finals().size(), 1u);
+        EXPECT_EQ(downs[i]->finals().size(), 1u);
+        const std::string q = std::to_string(i);
+        EXPECT_EQ(downs[i]->body(), "<" + q + std::string(5000, 'x') + q + ">");
+    }
+    std::map<std::string, std::string> bodies;
+    for (const ReceivedRequest& r : server.requests()) {
+        if (r.path == "/up") {
+            bodies[r.query] = r.body;
+        }
+    }
+    ASSERT_EQ(bodies.size(), static_cast<size_t>(kPairs));
+    for (int i = 0; i < kPairs; ++i) {
+        EXPECT_TRUE(bodies[std::to_string(i)] == pattern(10000 + i, i) + std::to_string(i));
+    }
+}
