@@ -520,3 +520,64 @@ TEST(StreamingConcurrencyTest, ManyUploadsAndDownloadsEachEndOnceWithEveryByte) 
         EXPECT_TRUE(bodies[std::to_string(i)] == pattern(10000 + i, i) + std::to_string(i));
     }
 }
+
+// ---------------------------------------------------------------------------------------------
+// Log lines
+
+TEST(StreamingLogTest, DownloadWritesItsDebugLinesExactly) {
+    HttpServer server;
+    auto queue = std::make_shared<PieceQueue>();
+    serve_download(server, queue);
+    std::vector<std::string> lines;
+    void* task = nullptr;
+    {
+        LogCapture log(5);
+        Stream stream;
+        task = stream.task().getPTR();
+        stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+        queue->push("abc");
+        ASSERT_TRUE(stream.wait_deliveries(1));
+        queue->close();
+        ASSERT_TRUE(stream.wait_final());
+        stream.release();
+        ASSERT_TRUE(stream.wait_finished());
+        // After the end: only the entry and exit lines, the task has nothing left to stop.
+        auto again = kiv_http_request_maker::get_instance();
+        again->cancel();
+        again->cancel();
+        lines = log.finish();
+        task = task ? task : again.getPTR();
+        char expected[64];
+        snprintf(expected, sizeof expected, "%p", again.getPTR());
+        lines.push_back(std::string("again=") + expected);
+    }
+    char self[32];
+    snprintf(self, sizeof self, "%p", task);
+    const std::string p(self);
+    const std::string again = lines.back().substr(6);
+    lines.pop_back();
+    std::vector<std::string> mine;
+    for (const std::string& line : lines) {
+        if (line.find("asr_http_task_CURL.cpp") != std::string::npos) {
+            mine.push_back(strip_log_time(line));
+        }
+    }
+    const std::string f = "[DEBUG]-[][asr_http_task_CURL.cpp:";
+    const std::vector<std::string> expected = {
+        f + "21][asr_http_task_CURL::get_instance] +",
+        f + "28][asr_http_task_CURL::get_instance] -",
+        f + "289][kiv_HttpTask_impl::performRequest]this=" + p + ", set timer",
+        f + "610][kiv_HttpTask_impl::write_callback]this=" + p + ", refresh timer",
+        f + "309][kiv_HttpTask_impl::performRequest]this=" + p + ", cancel timer,  code:0, "
+            "status:200",
+        f + "342][kiv_HttpTask_impl::performRequest] (_method == HTTP_REQUEST_METHOD_CHUNK_DOWN) ? "
+            "1, status=200",
+        f + "21][asr_http_task_CURL::get_instance] +",
+        f + "28][asr_http_task_CURL::get_instance] -",
+        f + "662][kiv_HttpTask_impl::cancel] this=" + again + " +",
+        f + "678][kiv_HttpTask_impl::cancel] -",
+        f + "662][kiv_HttpTask_impl::cancel] this=" + again + " +",
+        f + "678][kiv_HttpTask_impl::cancel] -",
+    };
+    EXPECT_EQ(mine, expected);
+}
