@@ -8,6 +8,8 @@ packages=(
     libcurl4-openssl-dev libssl-dev openssl
     libgtest-dev googletest
     libmicrohttpd-dev
+    # The demo's recognition server and speech synthesis (tools/), and the CLI's argument parser.
+    libpocketsphinx-dev libsphinxbase-dev pocketsphinx-en-us espeak-ng sox zlib1g-dev libcli11-dev
 )
 
 missing=()

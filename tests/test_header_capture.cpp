@@ -93,8 +93,9 @@ TEST_F(HeaderCaptureTest, SplitsNameAndValueAtFirstColon) {
 
     std::vector<std::string> lines = trace_lines();
     ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "[TRACE]-[][asr_http_task_CURL.cpp:204]HEADER_KEY: Content-Type, VALUE: "
-                        "text/plain");
+    EXPECT_EQ(lines[0],
+              "[TRACE]-[][asr_http_task_CURL.cpp:204]HEADER_KEY: Content-Type, VALUE: "
+              "text/plain");
     EXPECT_EQ(lines[1], "");  // the format ends in two newlines
 }
 

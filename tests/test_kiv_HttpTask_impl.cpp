@@ -111,8 +111,8 @@ TEST(ChunkedUploadTest, ConcurrentSendersKeepEachPieceWholeAndInTheirOrder) {
         size_t len = std::stoul(body.substr(at + 6, 8));
         ASSERT_EQ(seq, next[t]) << "pieces of one sender out of order or lost";
         ASSERT_LE(at + len, body.size());
-        ASSERT_EQ(body.compare(at + 14, len - 14, std::string(len - 14, static_cast<char>('a' + t))),
-                  0)
+        ASSERT_EQ(
+            body.compare(at + 14, len - 14, std::string(len - 14, static_cast<char>('a' + t))), 0)
             << "a piece was split or mixed with another";
         ++next[t];
         at += len;
@@ -568,7 +568,8 @@ TEST(StreamingLogTest, DownloadWritesItsDebugLinesExactly) {
         f + "28][asr_http_task_CURL::get_instance] -",
         f + "289][kiv_HttpTask_impl::performRequest]this=" + p + ", set timer",
         f + "610][kiv_HttpTask_impl::write_callback]this=" + p + ", refresh timer",
-        f + "309][kiv_HttpTask_impl::performRequest]this=" + p + ", cancel timer,  code:0, "
+        f + "309][kiv_HttpTask_impl::performRequest]this=" + p +
+            ", cancel timer,  code:0, "
             "status:200",
         f + "342][kiv_HttpTask_impl::performRequest] (_method == HTTP_REQUEST_METHOD_CHUNK_DOWN) ? "
             "1, status=200",

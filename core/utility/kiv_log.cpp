@@ -13,8 +13,12 @@ namespace log_detail {
 std::atomic<int32_t> g_log_level{2};
 }
 
-void set_log_level(int32_t level) { log_detail::g_log_level.store(level, std::memory_order_relaxed); }
-int32_t get_log_level() { return log_detail::g_log_level.load(std::memory_order_relaxed); }
+void set_log_level(int32_t level) {
+    log_detail::g_log_level.store(level, std::memory_order_relaxed);
+}
+int32_t get_log_level() {
+    return log_detail::g_log_level.load(std::memory_order_relaxed);
+}
 
 const char* get_file_name(const char* path) {
     if (!path) {

@@ -61,17 +61,17 @@ private:
 // tag, "-[%s]" for the time and "[%s:LINE]" for the file; the macro supplies those two values.
 // A disabled level evaluates no argument and reads no clock. Lines longer than 10239 characters
 // are cut, not dropped.
-#define KIV_LOG(level, format, ...)                                                       \
-    do {                                                                                  \
-        if (::kiv::can_log(level)) {                                                      \
-            char kiv_log_line_[10240];                                                    \
-            {                                                                             \
-                std::string kiv_log_time_ = ::kiv::get_gmt_time();                        \
+#define KIV_LOG(level, format, ...)                                                          \
+    do {                                                                                     \
+        if (::kiv::can_log(level)) {                                                         \
+            char kiv_log_line_[10240];                                                       \
+            {                                                                                \
+                std::string kiv_log_time_ = ::kiv::get_gmt_time();                           \
                 snprintf(kiv_log_line_, sizeof kiv_log_line_, format, kiv_log_time_.c_str(), \
-                         ::kiv::get_file_name(__FILE__), ##__VA_ARGS__);                  \
-            }                                                                             \
-            ::kiv::LogFile::log(kiv_log_line_);                                           \
-        }                                                                                 \
+                         ::kiv::get_file_name(__FILE__), ##__VA_ARGS__);                     \
+            }                                                                                \
+            ::kiv::LogFile::log(kiv_log_line_);                                              \
+        }                                                                                    \
     } while (0)
 
 #endif

@@ -11,9 +11,9 @@ std::string get_gmt_time() {
     tm utc;
     gmtime_r(&now.tv_sec, &utc);
     char text[32];
-    int len = snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03ld",
-                       utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min,
-                       utc.tm_sec, now.tv_nsec / 1000000);
+    int len = snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03ld", utc.tm_year + 1900,
+                       utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                       now.tv_nsec / 1000000);
     if (len < 0) {
         return std::string();
     }

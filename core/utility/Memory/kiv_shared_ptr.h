@@ -80,7 +80,6 @@ protected:
         *copy = *this;
         return copy;
     }
-
 };
 
 template <typename T>

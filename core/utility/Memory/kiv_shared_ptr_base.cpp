@@ -22,7 +22,9 @@ bool try_acquire_strong(kiv_shared_ptr_control_object* block) {
 
 }  // namespace
 
-kiv_shared_ptr_base::~kiv_shared_ptr_base() { releaseManagedPointer(); }
+kiv_shared_ptr_base::~kiv_shared_ptr_base() {
+    releaseManagedPointer();
+}
 
 void kiv_shared_ptr_base::copyControlObject_base(const kiv_shared_ptr_base* from) {
     if (from == this) {

@@ -62,7 +62,9 @@ void kiv_HttpRequest::cancel() {
     }
 }
 
-int kiv_HttpRequest::isCancelled() { return __atomic_load_n(&_isCancelled, __ATOMIC_ACQUIRE); }
+int kiv_HttpRequest::isCancelled() {
+    return __atomic_load_n(&_isCancelled, __ATOMIC_ACQUIRE);
+}
 
 }  // namespace Networking
 }  // namespace kiv

@@ -22,7 +22,9 @@ size_t capacity_of(const char* data) {
     return capacity;
 }
 
-void free_body(void* data) { ::operator delete(static_cast<char*>(data) - kHeaderSize); }
+void free_body(void* data) {
+    ::operator delete(static_cast<char*>(data) - kHeaderSize);
+}
 
 kiv_shared_ptr<char> new_body(size_t capacity) {
     char* block = static_cast<char*>(::operator new(kHeaderSize + capacity));

@@ -72,7 +72,8 @@ class ASRDispatchTaskWithResPointer : public ASRDispatchTaskBase {
 public:
     typedef void (TCLASS::*process_fuc)(kiv::Memory::kiv_shared_ptr_base*);
 
-    ASRDispatchTaskWithResPointer() : ASRDispatchTaskBase(nullptr, nullptr, nullptr), _fuc(nullptr) {}
+    ASRDispatchTaskWithResPointer()
+        : ASRDispatchTaskBase(nullptr, nullptr, nullptr), _fuc(nullptr) {}
 
     ASRDispatchTaskWithResPointer(kiv::Memory::kiv_shared_ptr<TCLASS> instance, process_fuc fuc,
                                   kiv::Memory::kiv_shared_ptr_base* resource)

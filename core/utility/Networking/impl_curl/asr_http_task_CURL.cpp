@@ -155,8 +155,7 @@ int kiv_HttpTask_impl::http_progress_cb(void* clientp, double, double, double, d
     return static_cast<kiv_HttpRequest*>(clientp)->isCancelled() ? 1 : 0;
 }
 
-size_t kiv_HttpTask_impl::http_receive_data_cb(void* ptr, size_t size, size_t nmemb,
-                                               void* stream) {
+size_t kiv_HttpTask_impl::http_receive_data_cb(void* ptr, size_t size, size_t nmemb, void* stream) {
     size_t len = size * nmemb;
     if (!stream) {
         KIV_LOG(2, "[ERROR]-[%s][%s:143][ASRHttpTask::http_receive_data_cb] response is NULL\n");
@@ -238,7 +237,9 @@ kiv_HttpTask_impl::~kiv_HttpTask_impl() {
     selfRef = kiv_weak_ptr<kiv_http_request_maker>();
 }
 
-bool kiv_HttpTask_impl::isCancelled() { return __atomic_load_n(&_is_canceled, __ATOMIC_ACQUIRE); }
+bool kiv_HttpTask_impl::isCancelled() {
+    return __atomic_load_n(&_is_canceled, __ATOMIC_ACQUIRE);
+}
 
 bool kiv_HttpTask_impl::claimEnd() {
     return !__atomic_exchange_n(&_is_canceled, true, __ATOMIC_ACQ_REL);
@@ -248,14 +249,16 @@ void kiv_HttpTask_impl::start_request(kiv_shared_ptr<kiv_HttpRequest> request,
                                       request_callback_fn callbackFn,
                                       kiv_shared_ptr_base* callbackUserParam) {
     if (!request.getPTR()) {
-        KIV_LOG(2, "[ERROR]-[%s][%s:700][kiv_HttpTask_impl::start_request] request is NULL, "
-                   "this=%p\n",
+        KIV_LOG(2,
+                "[ERROR]-[%s][%s:700][kiv_HttpTask_impl::start_request] request is NULL, "
+                "this=%p\n",
                 static_cast<void*>(this));
         return;
     }
     if (__atomic_exchange_n(&_started, true, __ATOMIC_ACQ_REL)) {
-        KIV_LOG(2, "[ERROR]-[%s][%s:705][kiv_HttpTask_impl::start_request] already started, "
-                   "this=%p\n",
+        KIV_LOG(2,
+                "[ERROR]-[%s][%s:705][kiv_HttpTask_impl::start_request] already started, "
+                "this=%p\n",
                 static_cast<void*>(this));
         return;
     }
@@ -323,8 +326,9 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
         AppLock lock(_timer_mutex);
         kiv_shared_ptr<kiv_HttpTask_impl> child;
         child.copyControlObject(&selfRef);
-        kiv_shared_ptr<ASRDispatchTaskBase> task(new ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>(
-            child, &kiv_HttpTask_impl::timer_callback, nullptr));
+        kiv_shared_ptr<ASRDispatchTaskBase> task(
+            new ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>(
+                child, &kiv_HttpTask_impl::timer_callback, nullptr));
         _timer = RefreshTimer::createTimerWithTask(task, RESPONSE_TIME_OUT_MS);
     }
 
@@ -529,8 +533,7 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     return dispatchTransfer(params);
 }
 
-size_t kiv_HttpTask_impl::read_callback(char* buffer, size_t size, size_t nitems,
-                                        void* instream) {
+size_t kiv_HttpTask_impl::read_callback(char* buffer, size_t size, size_t nitems, void* instream) {
     kiv_shared_ptr<kiv_HttpTask_impl> strong;
     strong.copyControlObject(static_cast<kiv_weak_ptr<kiv_http_request_maker>*>(instream));
     kiv_HttpTask_impl* task = strong.getPTR();
@@ -678,7 +681,8 @@ size_t kiv_HttpTask_impl::write_callback(char* ptr, size_t size, size_t nmemb, v
             KIV_LOG(5,
                     "[DEBUG]-[%s][%s:627][kiv_HttpTask_impl::write_callback] _is_canceled, will "
                     "ret 0, this=%p, res:%s, buf[0-4]:[%0#x, %0#x, %0#x, %0#x, %0#x], len:%d\n",
-                    static_cast<void*>(task), tmp, static_cast<int>(static_cast<signed char>(tmp[0])),
+                    static_cast<void*>(task), tmp,
+                    static_cast<int>(static_cast<signed char>(tmp[0])),
                     static_cast<int>(static_cast<signed char>(tmp[1])),
                     static_cast<int>(static_cast<signed char>(tmp[2])),
                     static_cast<int>(static_cast<signed char>(tmp[3])),

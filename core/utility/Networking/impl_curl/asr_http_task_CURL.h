@@ -113,8 +113,8 @@ private:
     int uploadChunkStart(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request);
     static size_t read_callback(char* buffer, size_t size, size_t nitems, void* instream);
     static size_t header_callback(char* buffer, size_t size, size_t nitems, void* userdata);
-    static int chunk_http_progress_cb(void* clientp, double dltotal, double dlnow,
-                                      double ultotal, double ulnow);
+    static int chunk_http_progress_cb(void* clientp, double dltotal, double dlnow, double ultotal,
+                                      double ulnow);
 
     // Chunked download.
     int downloadChunkStart(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request);
@@ -132,8 +132,7 @@ private:
                                 double ulnow);
     // Header function: records each head line in the response (`userdata`) as name -> value.
     // Lines without a colon (the status line, the closing CR LF) become names with empty values.
-    static size_t http_receive_header_cb(char* buffer, size_t size, size_t nitems,
-                                         void* userdata);
+    static size_t http_receive_header_cb(char* buffer, size_t size, size_t nitems, void* userdata);
 
     // Host pinning. Pure functions of their arguments; a failure is the empty string.
     // True when "https" occurs anywhere in `url` (case-sensitive).

@@ -15,11 +15,19 @@ AppMutex::AppMutex(bool recursive) {
     pthread_mutexattr_destroy(&attributes);
 }
 
-AppMutex::~AppMutex() { pthread_mutex_destroy(&iMutex); }
+AppMutex::~AppMutex() {
+    pthread_mutex_destroy(&iMutex);
+}
 
-void AppMutex::lock() { pthread_mutex_lock(&iMutex); }
-void AppMutex::unlock() { pthread_mutex_unlock(&iMutex); }
-bool AppMutex::tryLock() { return pthread_mutex_trylock(&iMutex) == 0; }
+void AppMutex::lock() {
+    pthread_mutex_lock(&iMutex);
+}
+void AppMutex::unlock() {
+    pthread_mutex_unlock(&iMutex);
+}
+bool AppMutex::tryLock() {
+    return pthread_mutex_trylock(&iMutex) == 0;
+}
 
 AppConditionMutex::AppConditionMutex(int /*flags*/) {
     pthread_mutex_init(&iMutex, nullptr);
@@ -35,9 +43,15 @@ AppConditionMutex::~AppConditionMutex() {
     pthread_mutex_destroy(&iMutex);
 }
 
-void AppConditionMutex::lock() { pthread_mutex_lock(&iMutex); }
-void AppConditionMutex::unlock() { pthread_mutex_unlock(&iMutex); }
-void AppConditionMutex::wait() { pthread_cond_wait(&iCondition, &iMutex); }
+void AppConditionMutex::lock() {
+    pthread_mutex_lock(&iMutex);
+}
+void AppConditionMutex::unlock() {
+    pthread_mutex_unlock(&iMutex);
+}
+void AppConditionMutex::wait() {
+    pthread_cond_wait(&iCondition, &iMutex);
+}
 
 bool AppConditionMutex::waitUntilMs(uint64_t deadlineMs) {
     timespec deadline;
@@ -46,8 +60,12 @@ bool AppConditionMutex::waitUntilMs(uint64_t deadlineMs) {
     return pthread_cond_timedwait(&iCondition, &iMutex, &deadline) == 0;
 }
 
-void AppConditionMutex::signal() { pthread_cond_signal(&iCondition); }
-void AppConditionMutex::broadcast() { pthread_cond_broadcast(&iCondition); }
+void AppConditionMutex::signal() {
+    pthread_cond_signal(&iCondition);
+}
+void AppConditionMutex::broadcast() {
+    pthread_cond_broadcast(&iCondition);
+}
 
 }  // namespace Synchronization
 }  // namespace Threads

@@ -1,0 +1,126 @@
+// kiv-http: the transport layer on the command line, and a live speech-streaming demo.
+
+#include <curl/curl.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <string>
+
+#include "core/utility/kiv_log.h"
+#include "tools/cli/commands.h"
+
+namespace {
+
+struct LogOptions {
+    int level = 2;
+    std::string file;
+};
+
+// Every subcommand takes the log options, so they can follow the subcommand's own arguments.
+void add_log_options(CLI::App* command, LogOptions* log) {
+    command->add_option("--log-level", log->level, "log level: 2 errors, 5 debug, 6 trace")
+        ->capture_default_str();
+    command->add_option("--log-file", log->file, "append the log to this file (default: stderr)");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace kiv::cli;
+    signal(SIGPIPE, SIG_IGN);
+
+    CLI::App app{"kiv-http: HTTP transport of the speech client, and a live streaming demo"};
+    app.require_subcommand(1);
+    LogOptions log;
+
+    OneShotOptions get_options;
+    CLI::App* get = app.add_subcommand("get",
+                                       "one-shot GET; exit 0 for 2xx, 2 for another "
+                                       "status, 3 for a local error");
+    get->add_option("url", get_options.url, "URL")->required();
+
+    OneShotOptions post_options;
+    CLI::App* post = app.add_subcommand("post", "one-shot POST; exit codes as for get");
+    post->add_option("url", post_options.url, "URL")->required();
+    post->add_option("--data,-d", post_options.data, "body text, or @FILE")->required();
+
+    for (auto pair : {std::make_pair(get, &get_options), std::make_pair(post, &post_options)}) {
+        pair.first->add_option("-H,--header", pair.second->headers, "'Name: value' (repeatable)");
+        pair.first->add_option("--timeout-ms", pair.second->timeout_ms,
+                               "limit for the whole transfer (0: none)");
+        pair.first->add_flag("-i,--include", pair.second->include_head,
+                             "print the response head before the body");
+    }
+
+    StreamOptions upload_options;
+    CLI::App* upload = app.add_subcommand(
+        "upload", "stream FILE gzip-compressed as a chunked upload and print the final answer");
+    upload->add_option("url", upload_options.url, "URL")->required();
+    upload->add_option("file", upload_options.file, "file to send (16 kHz PCM for --realtime)")
+        ->required()
+        ->check(CLI::ExistingFile);
+    upload->add_option("--origin-url", upload_options.origin_url,
+                       "host-name form of an HTTPS URL written with an IP (host pinning)");
+    upload->add_flag("--realtime", upload_options.realtime,
+                     "pace frames as 16 kHz 16-bit mono audio in real time");
+    upload->add_option("--frame-ms", upload_options.frame_ms, "frame length in milliseconds")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 10000));
+
+    StreamOptions download_options;
+    CLI::App* download = app.add_subcommand(
+        "download", "chunked download: print each piece to stdout the moment it arrives");
+    download->add_option("url", download_options.url, "URL")->required();
+    download->add_option("--origin-url", download_options.origin_url,
+                         "host-name form of an HTTPS URL written with an IP (host pinning)");
+
+    ServeOptions serve_options;
+    CLI::App* serve = app.add_subcommand("serve", "run the embedded recognition server");
+    serve->add_option("--listen", serve_options.listen, "ADDRESS:PORT (loopback by default)")
+        ->capture_default_str();
+    serve->add_flag("--https", serve_options.https, "serve HTTPS");
+    serve->add_option("--cert", serve_options.cert, "PEM certificate file (with --https)");
+    serve->add_option("--key", serve_options.key, "PEM private key file (with --https)");
+
+    DemoOptions demo_options;
+    CLI::App* demo = app.add_subcommand(
+        "demo",
+        "speak sentences to the embedded server over a streaming upload and show the "
+        "results streaming back");
+    demo->add_option("--text", demo_options.texts, "a sentence to speak (repeatable)");
+    demo->add_option("--wav", demo_options.wav, "a 16 kHz mono 16-bit WAV file instead")
+        ->check(CLI::ExistingFile);
+    demo->add_flag("--fast", demo_options.fast, "send audio as fast as possible");
+    demo->add_flag("--https", demo_options.https,
+                   "HTTPS on 127.0.0.2:443 through host pinning (needs root)");
+
+    for (CLI::App* command : {get, post, upload, download, serve, demo}) {
+        add_log_options(command, &log);
+    }
+
+    CLI11_PARSE(app, argc, argv);
+
+    kiv::set_log_level(log.level);
+    if (!log.file.empty()) {
+        kiv::LogFile::open_log_file(log.file.c_str(), 0);
+    }
+    curl_global_init(CURL_GLOBAL_ALL);
+
+    int status = kExitUsage;
+    if (*get) {
+        status = run_get(get_options);
+    } else if (*post) {
+        status = run_post(post_options);
+    } else if (*upload) {
+        status = run_upload(upload_options);
+    } else if (*download) {
+        status = run_download(download_options);
+    } else if (*serve) {
+        status = run_serve(serve_options);
+    } else if (*demo) {
+        status = run_demo(demo_options);
+    }
+    kiv::LogFile::close_log_file();
+    return status;
+}
