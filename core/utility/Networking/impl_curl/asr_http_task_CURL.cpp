@@ -482,13 +482,18 @@ std::string kiv_HttpTask_impl::getHostUrl(std::string oriUrl, char* ipUrl) {
     return url;
 }
 
-void kiv_HttpTask_impl::prepareUrl(CURL* curl, kiv_HttpRequest* request, wrap_params* params) {
+kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_HttpRequest* request,
+                                                               const char* header1,
+                                                               const char* header2) {
+    kiv_shared_ptr<wrap_params> params(new wrap_params());
+    params->curl = curl;
+    params->headers = curl_slist_append(curl_slist_append(nullptr, header1), header2);
+    params->resolve = nullptr;
     // A request without URL text gets an empty URL, which libcurl refuses: the transfer then
     // fails on the worker and the error delivery reports it.
     static char kNoUrl[1] = {0};
     char* ipUrl = request->_URL.getPTR() ? request->_URL.getPTR() : kNoUrl;
     _is_https = containHttps(ipUrl);
-    params->resolve = nullptr;
     if (_is_https) {
         std::string resolveDNSMap = getResolveDNSMap(request->_origin_URL, ipUrl);
         curl_slist* hostMap = curl_slist_append(nullptr, resolveDNSMap.c_str());
@@ -498,6 +503,7 @@ void kiv_HttpTask_impl::prepareUrl(CURL* curl, kiv_HttpRequest* request, wrap_pa
     } else {
         curl_easy_setopt(curl, CURLOPT_URL, ipUrl);
     }
+    return params;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -509,11 +515,8 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
         KIV_LOG(2, "[ERROR]-[%s][%s:434]init curl failed\n");
         return -999;
     }
-    curl_slist* headers = curl_slist_append(nullptr, "Transfer-Encoding: chunked");
-    headers = curl_slist_append(headers, "Content-Encoding: gzip");
-
-    kiv_shared_ptr<wrap_params> params(new wrap_params());
-    prepareUrl(curl, request.getPTR(), params.getPTR());
+    kiv_shared_ptr<wrap_params> params = prepareTransfer(
+        curl, request.getPTR(), "Transfer-Encoding: chunked", "Content-Encoding: gzip");
 
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
@@ -521,15 +524,13 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &kiv_HttpTask_impl::header_callback);
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, params->headers);
     curl_easy_setopt(curl, CURLOPT_READFUNCTION, &kiv_HttpTask_impl::read_callback);
     curl_easy_setopt(curl, CURLOPT_READDATA, &selfRef);
     curl_easy_setopt(curl, CURLOPT_PROGRESSDATA, this);
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 
-    params->curl = curl;
-    params->headers = headers;
     return dispatchTransfer(params);
 }
 
@@ -627,16 +628,14 @@ int kiv_HttpTask_impl::downloadChunkStart(kiv_shared_ptr<kiv_HttpRequest> reques
         KIV_LOG(2, "[ERROR]-[%s][%s:547]init curl failed\n");
         return -999;
     }
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/octet-stream");
-    headers = curl_slist_append(headers, "Accept-Encoding:gzip,deflate");
-
-    kiv_shared_ptr<wrap_params> params(new wrap_params());
-    prepareUrl(curl, request.getPTR(), params.getPTR());
+    kiv_shared_ptr<wrap_params> params =
+        prepareTransfer(curl, request.getPTR(), "Content-Type: application/octet-stream",
+                        "Accept-Encoding:gzip,deflate");
 
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, params->headers);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &kiv_HttpTask_impl::write_callback);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &selfRef);
     curl_easy_setopt(curl, CURLOPT_POSTFIELDS, kDownloadBody);
@@ -645,8 +644,6 @@ int kiv_HttpTask_impl::downloadChunkStart(kiv_shared_ptr<kiv_HttpRequest> reques
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 
-    params->curl = curl;
-    params->headers = headers;
     return dispatchTransfer(params);
 }
 

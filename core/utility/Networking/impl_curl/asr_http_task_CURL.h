@@ -119,8 +119,11 @@ private:
     // Chunked download.
     int downloadChunkStart(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request);
     static size_t write_callback(char* ptr, size_t size, size_t nmemb, void* userdata);
-    // Shared by both start operations: URL, HTTPS pinning and the record.
-    void prepareUrl(CURL* curl, kiv_HttpRequest* request, wrap_params* params);
+    // First steps shared by both start operations: the record with the handle and the two
+    // header lines, then the URL, with HTTPS pinning where the URL asks for it.
+    kiv::Memory::kiv_shared_ptr<wrap_params> prepareTransfer(CURL* curl, kiv_HttpRequest* request,
+                                                             const char* header1,
+                                                             const char* header2);
 
     // One-shot request callbacks. They run on the calling thread inside curl_easy_perform and
     // touch only the record libcurl hands them.
