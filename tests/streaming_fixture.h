@@ -124,6 +124,19 @@ public:
                                          [&] { return shared_->deliveries.size() >= count; });
     }
 
+    // Waits until the pieces delivered so far hold `size` bytes in all: libcurl may hand one
+    // server chunk over in several pieces.
+    bool wait_body(size_t size, std::chrono::milliseconds wait = std::chrono::seconds(20)) {
+        std::unique_lock<std::mutex> lock(shared_->mutex);
+        return shared_->changed.wait_for(lock, wait, [&] {
+            size_t total = 0;
+            for (const Delivery& d : shared_->deliveries) {
+                total += d.final ? 0 : d.body.size();
+            }
+            return total >= size;
+        });
+    }
+
     bool wait_final(std::chrono::milliseconds wait = std::chrono::seconds(20)) {
         std::unique_lock<std::mutex> lock(shared_->mutex);
         return shared_->changed.wait_for(lock, wait, [&] {

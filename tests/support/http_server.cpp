@@ -37,14 +37,7 @@ PieceQueue::Pop PieceQueue::pop(std::string* piece, std::chrono::milliseconds wa
     }
     *piece = std::move(pieces_.front());
     pieces_.pop_front();
-    ++taken_;
-    changed_.notify_all();
     return Pop::kPiece;
-}
-
-bool PieceQueue::wait_taken(size_t count, std::chrono::milliseconds wait) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, wait, [&] { return taken_ >= count; });
 }
 
 std::string ReceivedRequest::header(const std::string& name) const {
@@ -54,15 +47,6 @@ std::string ReceivedRequest::header(const std::string& name) const {
         }
     }
     return std::string();
-}
-
-bool ReceivedRequest::has_header(const std::string& name) const {
-    for (const auto& h : headers) {
-        if (strcasecmp(h.first.c_str(), name.c_str()) == 0) {
-            return true;
-        }
-    }
-    return false;
 }
 
 Reply Reply::text(std::string body, unsigned status) {
@@ -133,7 +117,7 @@ struct HttpServerCallbacks {
     }
 
     static MHD_Result on_request(void* cls, MHD_Connection* connection, const char*,
-                                 const char* method, const char* version, const char* upload_data,
+                                 const char* method, const char*, const char* upload_data,
                                  size_t* upload_data_size, void** con_cls) {
         auto* state = static_cast<RequestState*>(*con_cls);
         if (!state) {
@@ -144,7 +128,6 @@ struct HttpServerCallbacks {
             // and start reading the body.
             state->started = true;
             state->request.method = method;
-            state->request.version = version;
             MHD_get_connection_values(connection, MHD_HEADER_KIND, &collect_header,
                                       &state->request);
             state->request.sni = tls_server_name(connection);
@@ -152,7 +135,6 @@ struct HttpServerCallbacks {
         }
         if (*upload_data_size > 0) {
             state->request.body.append(upload_data, *upload_data_size);
-            state->request.body_pieces.push_back(*upload_data_size);
             *upload_data_size = 0;
             return MHD_YES;
         }
@@ -221,7 +203,22 @@ HttpServer::HttpServer(HttpServerOptions options) : options_(std::move(options))
 }
 
 HttpServer::~HttpServer() {
-    stop();
+    std::vector<std::shared_ptr<PieceQueue>> open;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+        for (auto& weak : streams_) {
+            if (auto queue = weak.lock()) {
+                open.push_back(queue);
+            }
+        }
+        streams_.clear();
+    }
+    // A connection thread blocked on a queue must get out before the daemon joins it.
+    for (auto& queue : open) {
+        queue->close();
+    }
+    MHD_stop_daemon(daemon_);
 }
 
 void HttpServer::on(const std::string& path, Handler handler) {
@@ -242,28 +239,6 @@ std::vector<ReceivedRequest> HttpServer::requests() const {
 bool HttpServer::wait_for_requests(size_t count, std::chrono::milliseconds wait) const {
     std::unique_lock<std::mutex> lock(mutex_);
     return request_arrived_.wait_for(lock, wait, [&] { return requests_.size() >= count; });
-}
-
-void HttpServer::stop() {
-    std::vector<std::shared_ptr<PieceQueue>> open;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-        for (auto& weak : streams_) {
-            if (auto queue = weak.lock()) {
-                open.push_back(queue);
-            }
-        }
-        streams_.clear();
-    }
-    // A connection thread blocked on a queue must get out before the daemon joins it.
-    for (auto& queue : open) {
-        queue->close();
-    }
-    if (daemon_) {
-        MHD_stop_daemon(daemon_);
-        daemon_ = nullptr;
-    }
 }
 
 bool HttpServer::respond(MHD_Connection* connection, const ReceivedRequest& request) {

@@ -35,15 +35,12 @@ public:
     void close();
     // Waits at most `wait` for a piece.
     Pop pop(std::string* piece, std::chrono::milliseconds wait);
-    // Waits until the server has taken `count` pieces (it then hands them to the socket).
-    bool wait_taken(size_t count, std::chrono::milliseconds wait) const;
 
 private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
     std::deque<std::string> pieces_;
     bool closed_ = false;
-    size_t taken_ = 0;
 };
 
 // One request as the server received it.
@@ -51,18 +48,14 @@ struct ReceivedRequest {
     std::string method;
     std::string path;   // without the query
     std::string query;  // after '?', undecoded; empty when there is none
-    std::string version;
     // Header lines in arrival order, names spelled as sent.
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
-    // Sizes of the pieces in which the server library handed the body over.
-    std::vector<size_t> body_pieces;
     // TLS server name the client asked for; empty without TLS or without SNI.
     std::string sni;
 
     // First header of that name, compared without regard to case; empty when absent.
     std::string header(const std::string& name) const;
-    bool has_header(const std::string& name) const;
 };
 
 // The answer a handler gives. Without `stream`, `body` is sent with a Content-Length. With
@@ -109,9 +102,6 @@ public:
     std::vector<ReceivedRequest> requests() const;
     // Waits until at least `count` requests have reached their handlers.
     bool wait_for_requests(size_t count, std::chrono::milliseconds wait) const;
-
-    // Closes the streaming queues, then stops the server; idempotent.
-    void stop();
 
 private:
     friend struct HttpServerCallbacks;

@@ -8,9 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <stdexcept>
 
 namespace kiv {
@@ -20,30 +18,20 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-sockaddr_in loopback_address(const std::string& address, uint16_t port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    if (inet_pton(AF_INET, address.c_str(), &addr.sin_addr) != 1) {
-        throw std::invalid_argument("not an IPv4 address: " + address);
-    }
-    return addr;
-}
-
-// Binds a new TCP socket; returns it with the port the kernel chose.
-int bind_socket(const std::string& address, uint16_t port, uint16_t* bound_port) {
+// Binds a new TCP socket to 127.0.0.1 on a port the kernel chooses; returns it and the port.
+int bind_loopback(uint16_t* bound_port) {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         throw std::runtime_error("socket failed");
     }
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in addr = loopback_address(address, port);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof addr;
     if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
         ::close(fd);
-        throw std::runtime_error("cannot bind " + address + ":" + std::to_string(port));
+        throw std::runtime_error("cannot bind 127.0.0.1");
     }
     *bound_port = ntohs(addr.sin_port);
     return fd;
@@ -104,54 +92,6 @@ std::optional<std::string> RawConnection::read_exact(size_t count, milliseconds 
     return bytes;
 }
 
-std::optional<RawConnection::Chunked> RawConnection::read_chunked(milliseconds wait) {
-    auto deadline = Clock::now() + wait;
-    auto read_line = [&]() -> std::optional<std::string> {
-        size_t end;
-        while ((end = buffer_.find("\r\n")) == std::string::npos) {
-            if (!fill(deadline)) {
-                return std::nullopt;
-            }
-        }
-        std::string line = buffer_.substr(0, end);
-        buffer_.erase(0, end + 2);
-        return line;
-    };
-    Chunked result;
-    for (;;) {
-        std::optional<std::string> size_line = read_line();
-        if (!size_line) {
-            return std::nullopt;
-        }
-        char* end = nullptr;
-        unsigned long size = strtoul(size_line->c_str(), &end, 16);
-        if (end == size_line->c_str()) {
-            return std::nullopt;
-        }
-        if (size == 0) {
-            break;
-        }
-        std::optional<std::string> data = read_exact(
-            size, std::max(milliseconds(0),
-                           std::chrono::duration_cast<milliseconds>(deadline - Clock::now())));
-        std::optional<std::string> crlf = read_line();
-        if (!data || !crlf || !crlf->empty()) {
-            return std::nullopt;
-        }
-        result.body += *data;
-        result.chunk_sizes.push_back(size);
-    }
-    for (;;) {  // trailer fields up to the empty line
-        std::optional<std::string> line = read_line();
-        if (!line) {
-            return std::nullopt;
-        }
-        if (line->empty()) {
-            return result;
-        }
-    }
-}
-
 bool RawConnection::write_all(const std::string& bytes) {
     size_t sent = 0;
     while (sent < bytes.size()) {
@@ -207,16 +147,6 @@ void RawConnection::close() {
     }
 }
 
-void RawConnection::reset() {
-    std::lock_guard<std::mutex> lock(fd_mutex_);
-    if (fd_ >= 0) {
-        linger hard{1, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-        ::close(fd_);
-        fd_ = -1;
-    }
-}
-
 void RawConnection::shutdown_io() {
     std::lock_guard<std::mutex> lock(fd_mutex_);
     if (fd_ >= 0) {
@@ -224,9 +154,8 @@ void RawConnection::shutdown_io() {
     }
 }
 
-RawServer::RawServer(Handler handler, const std::string& address, uint16_t port)
-    : handler_(std::move(handler)), address_(address) {
-    listen_fd_ = bind_socket(address, port, &port_);
+RawServer::RawServer(Handler handler) : handler_(std::move(handler)) {
+    listen_fd_ = bind_loopback(&port_);
     if (listen(listen_fd_, 64) != 0) {
         ::close(listen_fd_);
         throw std::runtime_error("listen failed");
@@ -235,64 +164,7 @@ RawServer::RawServer(Handler handler, const std::string& address, uint16_t port)
 }
 
 RawServer::~RawServer() {
-    stop();
-}
-
-std::string RawServer::url(const std::string& target) const {
-    return "http://" + address_ + ":" + std::to_string(port_) + target;
-}
-
-void RawServer::accept_loop() {
-    for (;;) {
-        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            if (!stopping_ && (errno == EINTR || errno == ECONNABORTED)) {
-                continue;
-            }
-            return;  // shut down by stop(), or the socket failed
-        }
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (stopping_) {
-            ::close(fd);
-            return;
-        }
-        auto connection = std::make_shared<RawConnection>(fd);
-        const size_t index = connections_.size();
-        connections_.push_back(connection);
-        threads_.emplace_back([this, connection, index] {
-            handler_(*connection);
-            connection->close();
-            std::lock_guard<std::mutex> done(mutex_);
-            finished_.emplace_back(index, connection->received());
-            finished_changed_.notify_all();
-        });
-    }
-}
-
-bool RawServer::wait_for_finished(size_t count, milliseconds wait) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return finished_changed_.wait_for(lock, wait, [&] { return finished_.size() >= count; });
-}
-
-std::vector<std::string> RawServer::received() const {
-    std::vector<std::pair<size_t, std::string>> finished;
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        finished = finished_;
-    }
-    std::sort(finished.begin(), finished.end(),
-              [](const auto& a, const auto& b) { return a.first < b.first; });
-    std::vector<std::string> bytes;
-    for (auto& f : finished) {
-        bytes.push_back(std::move(f.second));
-    }
-    return bytes;
-}
-
-void RawServer::stop() {
-    if (stopping_.exchange(true)) {
-        return;
-    }
+    stopping_ = true;
     // On Linux, shutting down a listening socket makes a blocked accept() return.
     ::shutdown(listen_fd_, SHUT_RDWR);
     accept_thread_.join();
@@ -308,11 +180,59 @@ void RawServer::stop() {
         t.join();
     }
     ::close(listen_fd_);
-    listen_fd_ = -1;
 }
 
-ClosedPort::ClosedPort(const std::string& address) {
-    fd_ = bind_socket(address, 0, &port_);
+std::string RawServer::url(const std::string& target) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + target;
+}
+
+void RawServer::accept_loop() {
+    for (;;) {
+        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (!stopping_ && (errno == EINTR || errno == ECONNABORTED)) {
+                continue;
+            }
+            return;  // shut down by the destructor, or the socket failed
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_) {
+            ::close(fd);
+            return;
+        }
+        auto connection = std::make_shared<RawConnection>(fd);
+        const size_t index = connections_.size();
+        connections_.push_back(connection);
+        finished_.push_back(false);
+        threads_.emplace_back([this, connection, index] {
+            handler_(*connection);
+            connection->close();
+            std::lock_guard<std::mutex> done(mutex_);
+            finished_[index] = true;
+            ++finished_count_;
+            finished_changed_.notify_all();
+        });
+    }
+}
+
+bool RawServer::wait_for_finished(size_t count, milliseconds wait) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return finished_changed_.wait_for(lock, wait, [&] { return finished_count_ >= count; });
+}
+
+std::vector<std::string> RawServer::received() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> bytes;
+    for (size_t i = 0; i < connections_.size(); ++i) {
+        if (finished_[i]) {
+            bytes.push_back(connections_[i]->received_);
+        }
+    }
+    return bytes;
+}
+
+ClosedPort::ClosedPort() {
+    fd_ = bind_loopback(&port_);
 }
 
 ClosedPort::~ClosedPort() {

@@ -19,9 +19,9 @@ namespace test {
 using std::chrono::milliseconds;
 
 // The server side of one accepted TCP connection. Every read goes through this object, which
-// keeps every byte received (received()) and buffers what a read took beyond what it returned.
-// Reads wait at most the given time; a false or empty result means time-out, end of stream or
-// error. All operations belong to the connection's handler thread.
+// keeps every byte received and buffers what a read took beyond what it returned. Reads wait at
+// most the given time; a false or empty result means time-out, end of stream or error. All
+// operations belong to the connection's handler thread.
 class RawConnection {
 public:
     explicit RawConnection(int fd) : fd_(fd) {}
@@ -34,35 +34,20 @@ public:
     // Reads exactly `count` bytes (a Content-Length body).
     std::optional<std::string> read_exact(size_t count, milliseconds wait = milliseconds(5000));
 
-    struct Chunked {
-        std::string body;                 // decoded
-        std::vector<size_t> chunk_sizes;  // data chunks in order, the final 0 not included
-    };
-    // Reads and decodes a chunked body through its last chunk and the closing CR LF (trailer
-    // fields are skipped).
-    std::optional<Chunked> read_chunked(milliseconds wait = milliseconds(5000));
-
     bool write_all(const std::string& bytes);
     // One write() per byte, so the peer sees the data split at every position.
     bool write_bytewise(const std::string& bytes);
 
     // Waits until the peer closes (or resets) the connection or the server stops; further
-    // incoming bytes are kept in received(). False when `wait` passed first.
+    // incoming bytes are kept. False when `wait` passed first.
     bool wait_for_close(milliseconds wait);
-
-    // Orderly close (FIN).
-    void close();
-    // Abortive close: SO_LINGER 0, so the peer gets an RST.
-    void reset();
-
-    int fd() const { return fd_; }
-    const std::string& received() const { return received_; }
 
 private:
     friend class RawServer;
 
     // Reads what is available into the buffer; false on time-out, end of stream or error.
     bool fill(std::chrono::steady_clock::time_point deadline);
+    void close();
     // Wakes any blocked read; used by the server when it stops.
     void shutdown_io();
 
@@ -72,23 +57,22 @@ private:
     std::string received_;
 };
 
-// A TCP server on loopback for tests that need the exact bytes on the wire or a misbehaving
+// A TCP server on 127.0.0.1 for tests that need the exact bytes on the wire or a misbehaving
 // peer. One accept thread; each connection runs `handler` on a thread of its own and is closed
-// when the handler returns. The destructor stops the server: it wakes the accept thread and
-// every read of a handler (their sockets are shut down), then joins all threads. A handler
-// must therefore wait only through RawConnection or through bounded waits of its own.
+// when the handler returns. The destructor wakes the accept thread and every read of a handler
+// (their sockets are shut down), then joins all threads. A handler must therefore wait only
+// through RawConnection or through bounded waits of its own.
 class RawServer {
 public:
     using Handler = std::function<void(RawConnection&)>;
 
-    explicit RawServer(Handler handler, const std::string& address = "127.0.0.1",
-                       uint16_t port = 0);
+    explicit RawServer(Handler handler);
     ~RawServer();
     RawServer(const RawServer&) = delete;
     RawServer& operator=(const RawServer&) = delete;
 
     uint16_t port() const { return port_; }
-    // "http://address:port" followed by `target`.
+    // "http://127.0.0.1:port" followed by `target`.
     std::string url(const std::string& target = "/") const;
 
     // Waits until `count` handlers have returned.
@@ -97,13 +81,10 @@ public:
     // connections were accepted.
     std::vector<std::string> received() const;
 
-    void stop();
-
 private:
     void accept_loop();
 
     Handler handler_;
-    std::string address_;
     int listen_fd_ = -1;
     uint16_t port_ = 0;
     std::atomic<bool> stopping_{false};
@@ -111,16 +92,17 @@ private:
 
     mutable std::mutex mutex_;
     mutable std::condition_variable finished_changed_;
-    std::vector<std::shared_ptr<RawConnection>> connections_;
+    std::vector<std::shared_ptr<RawConnection>> connections_;  // in accept order
     std::vector<std::thread> threads_;
-    std::vector<std::pair<size_t, std::string>> finished_;  // accept index, bytes received
+    std::vector<bool> finished_;  // per connection: its handler has returned
+    size_t finished_count_ = 0;
 };
 
 // A loopback port on which nothing listens: the socket is bound but not listening, so a connect
 // is refused, and no other process can take the port while this object lives.
 class ClosedPort {
 public:
-    explicit ClosedPort(const std::string& address = "127.0.0.1");
+    ClosedPort();
     ~ClosedPort();
     ClosedPort(const ClosedPort&) = delete;
     ClosedPort& operator=(const ClosedPort&) = delete;
