@@ -84,7 +84,8 @@ TEST_F(SharedPtrTest, LastOfManyReleasesDestroysOnce) {
 TEST_F(SharedPtrTest, SelfAndSameObjectAssignmentKeepObjectAlive) {
     kiv_shared_ptr<Tracked> a(new Tracked);
     kiv_shared_ptr<Tracked> b(a);
-    a = a;
+    kiv_shared_ptr<Tracked>& same = a;  // self-assignment, spelled so compilers allow it
+    a = same;
     a = b;
     a.copyControlObject(&a);
     kiv_weak_ptr<Tracked> w(a);

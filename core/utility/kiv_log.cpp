@@ -1,5 +1,6 @@
 #include "core/utility/kiv_log.h"
 
+#include <cstdarg>
 #include <cstring>
 
 #include "core/utility/Threads/Synchronization/AppLock.h"
@@ -11,7 +12,16 @@ using Threads::Synchronization::AppMutex;
 
 namespace log_detail {
 std::atomic<int32_t> g_log_level{2};
+
+void write_line(const char* format, ...) {
+    char line[10240];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    LogFile::log(line);
 }
+}  // namespace log_detail
 
 void set_log_level(int32_t level) {
     log_detail::g_log_level.store(level, std::memory_order_relaxed);

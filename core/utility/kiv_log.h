@@ -57,21 +57,24 @@ private:
 
 }  // namespace kiv
 
+namespace kiv {
+namespace log_detail {
+// Formats one line into a 10240-byte stack buffer (cut at 10239 characters, never dropped) and
+// hands it to LogFile::log. Kept out of line so that the buffer lives in this function's frame
+// only, not in the frame of every function that logs (worker threads stay small).
+__attribute__((noinline, format(printf, 1, 2))) void write_line(const char* format, ...);
+}  // namespace log_detail
+}  // namespace kiv
+
 // Writes one log line at `level` when that level is enabled. The format starts with the level's
 // tag, "-[%s]" for the time and "[%s:LINE]" for the file; the macro supplies those two values.
-// A disabled level evaluates no argument and reads no clock. Lines longer than 10239 characters
-// are cut, not dropped.
-#define KIV_LOG(level, format, ...)                                                          \
-    do {                                                                                     \
-        if (::kiv::can_log(level)) {                                                         \
-            char kiv_log_line_[10240];                                                       \
-            {                                                                                \
-                std::string kiv_log_time_ = ::kiv::get_gmt_time();                           \
-                snprintf(kiv_log_line_, sizeof kiv_log_line_, format, kiv_log_time_.c_str(), \
-                         ::kiv::get_file_name(__FILE__), ##__VA_ARGS__);                     \
-            }                                                                                \
-            ::kiv::LogFile::log(kiv_log_line_);                                              \
-        }                                                                                    \
+// A disabled level evaluates no argument and reads no clock.
+#define KIV_LOG(level, format, ...)                                                       \
+    do {                                                                                  \
+        if (::kiv::can_log(level)) {                                                      \
+            ::kiv::log_detail::write_line(format, ::kiv::get_gmt_time().c_str(),          \
+                                          ::kiv::get_file_name(__FILE__), ##__VA_ARGS__); \
+        }                                                                                 \
     } while (0)
 
 #endif
