@@ -187,8 +187,13 @@ UtteranceReport run_utterance(const Endpoint& endpoint, const std::string& sessi
     }
     const Clock::time_point last_frame = Clock::now();
     up.send(gzip.finish(), true);
+    const double elapsed = std::chrono::duration<double>(last_frame - start).count();
     if (progress) {
         fputc('\n', stderr);
+    } else {
+        fprintf(stderr, "[%zu/%zu] sent %llu bytes in %zu frames in %.2f s (%.1f KB/s)\n", index,
+                count, static_cast<unsigned long long>(up.bytes_sent()), frames, elapsed,
+                elapsed > 0 ? up.bytes_sent() / 1024.0 / elapsed : 0.0);
     }
 
     {
