@@ -46,6 +46,7 @@
 #include <vector>
 
 #include "core/utility/kiv_log.h"
+#include "tools/cli/ndjson.h"
 #include "tools/cli/stream_client.h"
 #include "tools/server/command_grammar.h"
 #include "tools/server/gzip_stream.h"
@@ -54,6 +55,8 @@
 #include "tools/server/speech.h"
 
 namespace {
+
+using kiv::cli::json_string;
 
 using Clock = std::chrono::steady_clock;
 using kiv::cli::StreamClient;
@@ -176,23 +179,6 @@ std::string normalized(const std::string& text) {
         }
     }
     return out;
-}
-
-// The value of a string field of one NDJSON event, with the server's escapes undone.
-std::string json_string(const std::string& line, const std::string& field) {
-    const std::string key = "\"" + field + "\":\"";
-    size_t at = line.find(key);
-    if (at == std::string::npos) {
-        return std::string();
-    }
-    std::string value;
-    for (at += key.size(); at < line.size() && line[at] != '"'; ++at) {
-        if (line[at] == '\\' && at + 1 < line.size()) {
-            ++at;
-        }
-        value += line[at];
-    }
-    return value;
 }
 
 struct Sentence {

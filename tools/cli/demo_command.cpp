@@ -15,6 +15,7 @@
 
 #include "tests/support/tls_cert.h"
 #include "tools/cli/commands.h"
+#include "tools/cli/ndjson.h"
 #include "tools/cli/stream_client.h"
 #include "tools/server/gzip_stream.h"
 #include "tools/server/recognition_server.h"
@@ -43,23 +44,6 @@ bool read_text_file(const std::string& path, std::string* text) {
     }
     text->assign(std::istreambuf_iterator<char>(in), {});
     return true;
-}
-
-// The value of a string field of one NDJSON event; handles the escapes the server writes.
-std::string json_string(const std::string& line, const std::string& field) {
-    const std::string key = "\"" + field + "\":\"";
-    size_t at = line.find(key);
-    if (at == std::string::npos) {
-        return std::string();
-    }
-    std::string value;
-    for (at += key.size(); at < line.size() && line[at] != '"'; ++at) {
-        if (line[at] == '\\' && at + 1 < line.size()) {
-            ++at;
-        }
-        value += line[at];
-    }
-    return value;
 }
 
 std::vector<std::string> words_of(const std::string& text) {
