@@ -35,7 +35,12 @@ void kiv_shared_ptr_base::copyControlObject_base(const kiv_shared_ptr_base* from
         // The source reference keeps the block alive while we add our own share, so the
         // block-count increment needs no ordering.
         if (isStrong) {
-            if (try_acquire_strong(block)) {
+            // A strong source holds a share itself, so the count cannot be 0 and a plain
+            // increment will do; only a weak source needs the compare-and-swap.
+            if (from->isStrong) {
+                block->strongCount.fetch_add(1, std::memory_order_relaxed);
+                block->refCount.fetch_add(1, std::memory_order_relaxed);
+            } else if (try_acquire_strong(block)) {
                 block->refCount.fetch_add(1, std::memory_order_relaxed);
             } else {
                 block = nullptr;

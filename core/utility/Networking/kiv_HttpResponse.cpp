@@ -40,28 +40,22 @@ kiv_shared_ptr<char> new_body(size_t capacity) {
     return body;
 }
 
-// Every new response shares one static empty body (capacity 0), so a response that never
-// receives bytes allocates no buffer, and the first piece allocates exactly what it needs.
-const kiv_shared_ptr<char>& empty_body() {
-    alignas(std::max_align_t) static char storage[2 * kHeaderSize] = {};
+}  // namespace
+
+const kiv_shared_ptr<char>& kiv_HttpResponse::empty_body() {
+    alignas(std::max_align_t) static char storage[2 * kHeaderSize] = {};  // capacity 0, "\0"
+    // Deliberately never destroyed: responses held by threads that outlive static destruction
+    // still hand out shares of it.
     static const kiv_shared_ptr<char>* body = [] {
         auto* ref = new kiv_shared_ptr<char>(storage + kHeaderSize);
         ref->setCustomDestructor([](void*) {});
         return ref;
     }();
-    // Deliberately never destroyed: responses held by threads that outlive static destruction
-    // still share it.
     return *body;
 }
 
-}  // namespace
-
 kiv_HttpResponse::kiv_HttpResponse()
-    : _requestError(HTTP_REQUEST_OK),
-      _http_status(0),
-      _data(empty_body()),
-      _data_len(1),
-      _source(nullptr) {}
+    : _requestError(HTTP_REQUEST_OK), _http_status(0), _data_len(1), _source(nullptr) {}
 
 kiv_shared_ptr<kiv_HttpResponse> kiv_HttpResponse::alloc() {
     return kiv_shared_ptr<kiv_HttpResponse>(new kiv_HttpResponse());
@@ -72,11 +66,11 @@ void kiv_HttpResponse::receive_new_data(const char* data, uint32_t len) {
         return;
     }
     size_t used = _data_len;  // bytes plus terminator
+    char* current = _data.getPTR() ? _data.getPTR() : empty_body().getPTR();
     if (len > UINT32_MAX - used) {
         len = static_cast<uint32_t>(UINT32_MAX - used);  // the length field cannot count more
     }
     size_t needed = used + len;
-    char* current = _data.getPTR();
     if (needed > capacity_of(current)) {
         size_t capacity = capacity_of(current);
         size_t grown = capacity == 0 ? needed : capacity * 2;

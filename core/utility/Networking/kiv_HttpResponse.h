@@ -38,7 +38,9 @@ public:
 
     // The body bytes followed by one zero byte. The share stays valid after the response goes.
     // Bytes may contain zeros: the length is get_response_len(), not strlen().
-    kiv::Memory::kiv_shared_ptr<char> get_response_data() const { return _data; }
+    kiv::Memory::kiv_shared_ptr<char> get_response_data() const {
+        return _data.getPTR() ? _data : empty_body();
+    }
     // Body length without the terminating zero.
     uint32_t get_response_len() const { return _data_len - 1; }
     // Stored length, terminator included.
@@ -58,6 +60,11 @@ public:
 
 private:
     friend class kiv::Memory::kiv_shared_ptr<kiv_HttpResponse>;
+
+    // The shared zero-terminated empty body of every response that has received nothing. A new
+    // response holds no buffer of its own, so a piece costs exactly one buffer allocation and
+    // responses never touch one shared counter.
+    static const kiv::Memory::kiv_shared_ptr<char>& empty_body();
 
     kiv_HttpResponse();
     ~kiv_HttpResponse() = default;
