@@ -26,7 +26,7 @@ run_suite build/release -DCMAKE_BUILD_TYPE=Release -DKIV_HTTP_CONSUMER_TESTS=ON
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 run_suite build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_HTTP_SANITIZE=address \
-    -DKIV_HTTP_BUILD_BENCH=OFF -DKIV_HTTP_BUILD_TOOLS=OFF
+    -DKIV_HTTP_BUILD_BENCH=OFF
 
 echo "== ThreadSanitizer build"
 CTEST_ARGS="-LE demo" run_suite build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
