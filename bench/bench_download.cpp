@@ -126,25 +126,16 @@ void serve_download(int fd) {
 // Collects latency records from pieces that may (rarely) be split or joined.
 struct LatencyCollector {
     std::vector<double> micros;
-    char partial[kRecord];
-    size_t have = 0;
+    RecordReader<kRecord> reader;
 
     void feed(const char* data, size_t len) {
         const int64_t now = now_ns();
-        while (len > 0) {
-            size_t take = std::min(len, kRecord - have);
-            memcpy(partial + have, data, take);
-            have += take;
-            data += take;
-            len -= take;
-            if (have == kRecord) {
-                int64_t stamp;
-                memcpy(&stamp, partial + 8, 8);
-                micros.push_back(static_cast<double>(now - stamp) / 1000.0);
-                have = 0;
-                g_handshake.saw_one();
-            }
-        }
+        reader.feed(data, len, [&](const char* record) {
+            int64_t stamp;
+            memcpy(&stamp, record + 8, 8);
+            micros.push_back(static_cast<double>(now - stamp) / 1000.0);
+            g_handshake.saw_one();
+        });
     }
 };
 
@@ -237,23 +228,15 @@ Run raw_run(const std::string& url, curl_write_callback write, void* data, const
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? atoi(argv[1]) : 48;
-    const int mib = argc > 2 ? atoi(argv[2]) : 64;
-    const int samples = argc > 3 ? atoi(argv[3]) : 2000;
-    const bool verbose = argc > 4 && atoi(argv[4]) != 0;
-    if (rounds < 1 || mib < 1 || samples < 4) {
-        fprintf(stderr, "usage: %s [rounds] [mib_per_round] [latency_samples>=4] [verbose] [pin]\n",
-                argv[0]);
+    ThroughputArgs args{48, 64, 2000};
+    if (!start_throughput_bench(argc, argv, &args, 4)) {
         return 2;
     }
-    curl_global_init(CURL_GLOBAL_ALL);
-    kiv::set_log_level(2);
-    // Client threads (this one, the pool's workers, producers) on CPU 0, the server apart.
-    const bool pin = argc > 5 ? atoi(argv[5]) != 0 : true;
-    if (pin && server_cpu() > 0) {
-        pin_to_cpu(0);
-    }
-    SerialServer server(&serve_download, pin ? server_cpu() : -1);
+    const int rounds = args.rounds;
+    const int mib = args.mib;
+    const int samples = args.samples;
+    const bool verbose = args.verbose;
+    SerialServer server(&serve_download, args.server_cpu);
     const std::string url = server.url("/down");
     const uint64_t bytes = static_cast<uint64_t>(mib) * 1024 * 1024;
     const int64_t bench_start = now_ns();

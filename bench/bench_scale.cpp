@@ -480,24 +480,15 @@ private:
 // stream arrive on one thread, one after another, so no lock is needed.
 struct PieceCollector {
     std::vector<float> delay_us;
-    char partial[kRecord];
-    size_t have = 0;
+    RecordReader<kRecord> reader;
 
     void feed(const char* data, size_t len) {
         const int64_t now = now_ns();
-        while (len > 0) {
-            size_t take = std::min(len, kRecord - have);
-            memcpy(partial + have, data, take);
-            have += take;
-            data += take;
-            len -= take;
-            if (have == kRecord) {
-                int64_t scheduled;
-                memcpy(&scheduled, partial, 8);
-                delay_us.push_back(static_cast<float>(now - scheduled) / 1000.0f);
-                have = 0;
-            }
-        }
+        reader.feed(data, len, [&](const char* record) {
+            int64_t scheduled;
+            memcpy(&scheduled, record, 8);
+            delay_us.push_back(static_cast<float>(now - scheduled) / 1000.0f);
+        });
     }
 };
 

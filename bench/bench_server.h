@@ -39,8 +39,34 @@
 
 #include "core/EventManager/EventManagerDecChunk.h"
 #include "core/utility/Networking/kiv_HttpRequestMaker.h"
+#include "core/utility/kiv_log.h"
 
 namespace kiv_bench {
+
+// Reassembles fixed-size records from download pieces, which libcurl may split or join, and
+// calls `on_record` with each whole record.
+template <size_t N>
+class RecordReader {
+public:
+    template <typename OnRecord>
+    void feed(const char* data, size_t len, OnRecord&& on_record) {
+        while (len > 0) {
+            const size_t take = std::min(len, N - have_);
+            memcpy(record_ + have_, data, take);
+            have_ += take;
+            data += take;
+            len -= take;
+            if (have_ == N) {
+                on_record(static_cast<const char*>(record_));
+                have_ = 0;
+            }
+        }
+    }
+
+private:
+    char record_[N];
+    size_t have_ = 0;
+};
 
 using kiv::Memory::kiv_shared_ptr;
 using kiv::Memory::kiv_shared_ptr_base;
@@ -173,6 +199,38 @@ inline void unpin_all_threads() {
 inline int server_cpu() {
     const unsigned n = std::thread::hardware_concurrency();
     return n >= 2 ? static_cast<int>(n) - 1 : -1;
+}
+
+// Command line of the throughput benches: [rounds] [mib_per_round] [latency_samples] [verbose]
+// [pin]. Also starts libcurl, keeps the log at errors, and, unless pinning is off, moves this
+// thread (and the workers it starts later) to CPU 0 so the server can have a CPU of its own.
+struct ThroughputArgs {
+    int rounds;
+    int mib;
+    int samples;
+    bool verbose = false;
+    int server_cpu = -1;  // where the server thread goes; -1: anywhere
+};
+
+inline bool start_throughput_bench(int argc, char** argv, ThroughputArgs* args, int min_samples) {
+    args->rounds = argc > 1 ? atoi(argv[1]) : args->rounds;
+    args->mib = argc > 2 ? atoi(argv[2]) : args->mib;
+    args->samples = argc > 3 ? atoi(argv[3]) : args->samples;
+    args->verbose = argc > 4 && atoi(argv[4]) != 0;
+    if (args->rounds < 1 || args->mib < 1 || args->samples < min_samples) {
+        fprintf(stderr,
+                "usage: %s [rounds] [mib_per_round] [latency_samples>=%d] [verbose] [pin]\n",
+                argv[0], min_samples);
+        return false;
+    }
+    curl_global_init(CURL_GLOBAL_ALL);
+    kiv::set_log_level(2);
+    const bool pin = argc > 5 ? atoi(argv[5]) != 0 : true;
+    if (pin && server_cpu() > 0) {
+        pin_to_cpu(0);
+        args->server_cpu = server_cpu();
+    }
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------

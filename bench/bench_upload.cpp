@@ -366,26 +366,18 @@ std::vector<double> raw_latency(const std::string& url, int samples) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? atoi(argv[1]) : 32;
-    const int mib = argc > 2 ? atoi(argv[2]) : 64;
-    const int samples = argc > 3 ? atoi(argv[3]) : 500;
-    const bool verbose = argc > 4 && atoi(argv[4]) != 0;
+    ThroughputArgs args{32, 64, 500};
     if (argc > 6 && atoi(argv[6]) > 0) {
         g_window = static_cast<uint64_t>(atoi(argv[6])) << 10;
     }
-    if (rounds < 1 || mib < 1 || samples < 2) {
-        fprintf(stderr, "usage: %s [rounds] [mib_per_round] [latency_samples>=2] [verbose]\n",
-                argv[0]);
+    if (!start_throughput_bench(argc, argv, &args, 2)) {
         return 2;
     }
-    curl_global_init(CURL_GLOBAL_ALL);
-    kiv::set_log_level(2);
-    // Client threads (this one, the pool's workers, producers) on CPU 0, the server apart.
-    const bool pin = argc > 5 ? atoi(argv[5]) != 0 : true;
-    if (pin && server_cpu() > 0) {
-        pin_to_cpu(0);
-    }
-    SerialServer server(&serve_upload, pin ? server_cpu() : -1);
+    const int rounds = args.rounds;
+    const int mib = args.mib;
+    const int samples = args.samples;
+    const bool verbose = args.verbose;
+    SerialServer server(&serve_upload, args.server_cpu);
     const std::string url = server.url("/up");
     const uint64_t total = static_cast<uint64_t>(mib) * 1024 * 1024;
     const int64_t bench_start = now_ns();

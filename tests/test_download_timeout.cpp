@@ -11,14 +11,32 @@ using std::chrono::seconds;
 // The 12 s inactivity limit of a chunked download. Slow by nature: these tests sit out the
 // limit for real.
 
-TEST(DownloadTimeoutTest, SilentServerGetsExactlyOneTimeoutDelivery) {
-    HttpServerOptions options;
-    options.stream_wait = seconds(40);
-    HttpServer server(options);
-    auto queue = std::make_shared<PieceQueue>();
-    server.on("/down", [queue](const ReceivedRequest&) { return Reply::streamed(queue); });
+namespace {
+
+// A download from a server that sends what the test pushes and otherwise stays silent, for
+// longer than the limit.
+class DownloadTimeoutTest : public testing::Test {
+protected:
+    DownloadTimeoutTest() : server(options()) {
+        server.on("/down", [q = queue](const ReceivedRequest&) { return Reply::streamed(q); });
+        stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    }
+    ~DownloadTimeoutTest() override { queue->close(); }
+
+    static HttpServerOptions options() {
+        HttpServerOptions o;
+        o.stream_wait = seconds(40);
+        return o;
+    }
+
+    std::shared_ptr<PieceQueue> queue = std::make_shared<PieceQueue>();
+    HttpServer server;
     Stream stream;
-    stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+};
+
+}  // namespace
+
+TEST_F(DownloadTimeoutTest, SilentServerGetsExactlyOneTimeoutDelivery) {
     queue->push("one piece, then silence");
     ASSERT_TRUE(stream.wait_deliveries(1));
     const auto quiet = std::chrono::steady_clock::now();
@@ -32,17 +50,9 @@ TEST(DownloadTimeoutTest, SilentServerGetsExactlyOneTimeoutDelivery) {
     EXPECT_EQ(finals[0].error, HTTP_REQUEST_TIMEOUT);
     EXPECT_EQ(finals[0].status, 0);
     EXPECT_EQ(finals[0].message, "[kiv_httptask_impl] downStream timeout.");
-    queue->close();
 }
 
-TEST(DownloadTimeoutTest, PiecesEveryFewSecondsKeepTheDownloadAlive) {
-    HttpServerOptions options;
-    options.stream_wait = seconds(40);
-    HttpServer server(options);
-    auto queue = std::make_shared<PieceQueue>();
-    server.on("/down", [queue](const ReceivedRequest&) { return Reply::streamed(queue); });
-    Stream stream;
-    stream.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+TEST_F(DownloadTimeoutTest, PiecesEveryFewSecondsKeepTheDownloadAlive) {
     // 4 pieces 5 s apart: 20 s in all, longer than the limit, but never 12 s of silence.
     for (size_t i = 1; i <= 4; ++i) {
         queue->push("piece");
