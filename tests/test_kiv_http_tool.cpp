@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -51,19 +48,6 @@ ToolRun run_tool(const std::vector<std::string>& args, int timeout_s = 120) {
     return run;
 }
 
-bool can_bind(const char* address, uint16_t port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    inet_pton(AF_INET, address, &addr.sin_addr);
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    close(fd);
-    return ok;
-}
-
 // Each sentence's final line, in order.
 std::vector<std::string> finals_of(const std::string& out) {
     std::vector<std::string> finals;
@@ -104,7 +88,7 @@ TEST(KivHttpToolTest, DemoTranscribesEverySentenceOverHttp) {
 }
 
 TEST(KivHttpToolTest, DemoTranscribesEverySentenceOverPinnedHttps) {
-    if (!can_bind("127.0.0.2", 443)) {
+    if (!kiv::test::can_bind("127.0.0.2", 443)) {
         GTEST_SKIP() << "cannot bind 127.0.0.2:443 here (needs root); HTTPS demo not exercised";
     }
     expect_demo_transcribes(true);

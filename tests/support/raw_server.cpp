@@ -231,6 +231,22 @@ std::vector<std::string> RawServer::received() const {
     return bytes;
 }
 
+bool can_bind(const std::string& address, uint16_t port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) {
+        return false;
+    }
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    inet_pton(AF_INET, address.c_str(), &addr.sin_addr);
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    close(fd);
+    return ok;
+}
+
 ClosedPort::ClosedPort() {
     fd_ = bind_loopback(&port_);
 }

@@ -98,6 +98,10 @@ private:
     size_t finished_count_ = 0;
 };
 
+// True when `address`:`port` can be bound here (port 443 needs root or CAP_NET_BIND_SERVICE):
+// tests that need such a server skip, with a message, where it cannot.
+bool can_bind(const std::string& address, uint16_t port);
+
 // A loopback port on which nothing listens: the socket is bound but not listening, so a connect
 // is refused, and no other process can take the port while this object lives.
 class ClosedPort {
