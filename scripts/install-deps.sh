@@ -10,6 +10,9 @@ packages=(
     libmicrohttpd-dev
     # The demo's recognition server and speech synthesis (tools/), and the CLI's argument parser.
     libpocketsphinx-dev libsphinxbase-dev pocketsphinx-en-us espeak-ng sox zlib1g-dev libcli11-dev
+    nlohmann-json3-dev
+    # Fuzzers (libFuzzer ships in clang's runtime package), the lock-annotation build and lint.
+    libclang-rt-14-dev clang-tidy
 )
 
 missing=()
