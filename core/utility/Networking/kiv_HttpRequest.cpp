@@ -29,7 +29,8 @@ kiv_HttpRequest::~kiv_HttpRequest() {
 }
 
 kiv_shared_ptr<kiv_HttpRequest> kiv_HttpRequest::requestWithUrl(kiv_shared_ptr<char> url) {
-    kiv_shared_ptr<kiv_HttpRequest> request(new kiv_HttpRequest());
+    kiv_shared_ptr<kiv_HttpRequest> request =
+        kiv_shared_ptr<kiv_HttpRequest>::adoptNew(new kiv_HttpRequest());
     request->_URL = url;
     if (url.getPTR()) {
         request->_origin_URL = url.getPTR();

@@ -48,7 +48,8 @@ public:
     // Upload bytes handed to libcurl so far (0 for other tasks).
     virtual int64_t bytes_sent() { return 0; }
 
-    // A new, independent streaming task; the caller holds the only strong reference.
+    // A new, independent streaming task; the caller holds the only strong reference. Empty
+    // (with an error line) only when memory for it cannot be had.
     static kiv::Memory::kiv_shared_ptr<kiv_http_request_maker> get_instance();
 
     // One GET (or POST, when `_BODY_LENGTH` > 0) run to its end on the calling thread.

@@ -62,7 +62,7 @@ kiv_HttpResponse::kiv_HttpResponse()
       _curl_code(0) {}
 
 kiv_shared_ptr<kiv_HttpResponse> kiv_HttpResponse::alloc() {
-    return kiv_shared_ptr<kiv_HttpResponse>(new kiv_HttpResponse());
+    return kiv_shared_ptr<kiv_HttpResponse>::adoptNew(new kiv_HttpResponse());
 }
 
 void kiv_HttpResponse::receive_new_data(const char* data, uint32_t len) {

@@ -68,15 +68,6 @@ constexpr long kReaderSafetyWaitMs = 5000;
 // for that delivery to finish.
 thread_local const kiv_HttpTask_impl* tl_delivering = nullptr;
 
-// Adopts a new object into a kiv_shared_ptr without leaking it when the control block cannot be
-// allocated (adoption then throws and leaves the object to its caller).
-template <typename T>
-kiv_shared_ptr<T> adopt(std::unique_ptr<T> object) {
-    kiv_shared_ptr<T> ref(object.get());
-    object.release();
-    return ref;
-}
-
 // Appends one line to a libcurl list. On failure the list is left as it was (curl_slist_append
 // returns null then, and overwriting the list with it would lose every earlier line).
 bool append_line(curl_slist*& list, const char* line) {
@@ -206,14 +197,20 @@ std::string wrap_params::errorText(CURLcode code) const {
 
 kiv_shared_ptr<kiv_http_request_maker> kiv_http_request_maker::get_instance() {
     KIV_LOG(5, "[DEBUG]-[%s][%s:21][asr_http_task_CURL::get_instance] +\n");
-    kiv_shared_ptr<kiv_HttpTask_impl> task(new kiv_HttpTask_impl());
     kiv_shared_ptr<kiv_http_request_maker> result;
-    result.copyControlObject(&task);
-    if (result.getPTR()) {
-        // Before anyone else can see the task, so selfRef is read without a lock afterwards.
-        task->selfRef = result;
+    try {
+        kiv_shared_ptr<kiv_HttpTask_impl> task =
+            kiv_shared_ptr<kiv_HttpTask_impl>::adoptNew(new kiv_HttpTask_impl());
+        result.copyControlObject(&task);
+        if (result.getPTR()) {
+            // Before anyone else can see the task, so selfRef is read without a lock afterwards.
+            task->selfRef = result;
+        }
+        task = static_cast<kiv_HttpTask_impl*>(nullptr);
+    } catch (const std::bad_alloc&) {
+        KIV_LOG(2, "[ERROR]-[%s][%s:25][asr_http_task_CURL::get_instance] out of memory\n");
+        return kiv_shared_ptr<kiv_http_request_maker>();
     }
-    task = static_cast<kiv_HttpTask_impl*>(nullptr);
     KIV_LOG(5, "[DEBUG]-[%s][%s:28][asr_http_task_CURL::get_instance] -\n");
     return result;
 }
@@ -418,7 +415,7 @@ kiv_HttpTask_impl::kiv_HttpTask_impl()
       _is_last(false),
       _is_https(false),
       _total_size(0),
-      notEmpty(new AppConditionMutex(0)),
+      notEmpty(nullptr),
       _method(HTTP_REQUEST_METHOD_GET),
       _timer_mutex(nullptr),
       _audio_queue_mutex(nullptr),
@@ -429,7 +426,19 @@ kiv_HttpTask_impl::kiv_HttpTask_impl()
       _upload_failed(false),
       _refused_bytes(0),
       _queue_limit(kDefaultUploadQueueLimit),
-      _bytes_sent(0) {
+      _bytes_sent(0),
+      _spare_timeout_message("[kiv_httptask_impl] downStream timeout.") {
+    // Everything that can fail is made first, so a failure leaks nothing (the members above
+    // are destroyed by the language, the ones below by the holders).
+    auto condition = std::make_unique<AppConditionMutex>(0);
+    auto timerMutex = std::make_unique<AppMutex>(false);
+    auto queueMutex = std::make_unique<AppMutex>(false);
+    // The final delivery never needs memory: when a response cannot be made at the end, this
+    // one reports the error instead.
+    _spare_final = kiv_HttpResponse::alloc();
+    _spare_final->set_local_request_error(HTTP_REQUEST_CHUNK_REQ_ERROR);
+    _spare_final->setErrorMessage(kTransferErrorMessage);
+
     pthread_mutex_init(&_cond_mutex, nullptr);
     // The upload reader's deadlines are on the monotonic clock, so a wall-clock change can
     // neither stall it nor make it spin.
@@ -438,8 +447,9 @@ kiv_HttpTask_impl::kiv_HttpTask_impl()
     pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
     pthread_cond_init(&_cond, &attributes);
     pthread_condattr_destroy(&attributes);
-    _timer_mutex = new AppMutex(false);
-    _audio_queue_mutex = new AppMutex(false);
+    notEmpty = condition.release();
+    _timer_mutex = timerMutex.release();
+    _audio_queue_mutex = queueMutex.release();
 }
 
 kiv_HttpTask_impl::~kiv_HttpTask_impl() {
@@ -561,13 +571,23 @@ bool kiv_HttpTask_impl::deliver(kiv_shared_ptr<kiv_HttpResponse>& response,
 
 void kiv_HttpTask_impl::deliverError(int32_t curlCode, const std::string& curlError,
                                      kiv_shared_ptr_base* param) {
-    kiv_shared_ptr<kiv_HttpResponse> resp = kiv_HttpResponse::alloc();
-    resp->set_local_request_error(HTTP_REQUEST_CHUNK_REQ_ERROR);
-    resp->setErrorMessage(kTransferErrorMessage);
-    resp->set_curl_error(curlCode, curlError);
-    if (enterDelivery(true)) {
-        deliver(resp, param);
+    if (!enterDelivery(true)) {
+        return;
     }
+    kiv_shared_ptr<kiv_HttpResponse> resp;
+    try {
+        resp = kiv_HttpResponse::alloc();
+        resp->set_local_request_error(HTTP_REQUEST_CHUNK_REQ_ERROR);
+        resp->setErrorMessage(kTransferErrorMessage);
+    } catch (const std::bad_alloc&) {
+        resp = _spare_final;  // made with the task, for exactly this
+    }
+    try {
+        resp->set_curl_error(curlCode, curlError);
+    } catch (const std::bad_alloc&) {
+        // The code is set; only its text is lost.
+    }
+    deliver(resp, param);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -641,12 +661,12 @@ void kiv_HttpTask_impl::start_request(kiv_shared_ptr<kiv_HttpRequest> request,
             static_cast<void*>(this), reason);
     kiv_shared_ptr<EventManagerDecChunk> hold = _userParamHold;
     _userParamHold = static_cast<EventManagerDecChunk*>(nullptr);
+    std::string text;
     try {
-        deliverError(failure, reason, _hasUserParam ? &hold : nullptr);
-    } catch (const std::exception&) {
-        // Not even the error response could be made; the task is ended all the same.
-        endSilently();
+        text = reason;
+    } catch (const std::bad_alloc&) {
     }
+    deliverError(failure, text, _hasUserParam ? &hold : nullptr);
 }
 
 void kiv_HttpTask_impl::cancel() {
@@ -709,9 +729,10 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
             child.copyControlObject(&selfRef);
             // The timeout task carries its own reference to the caller's object, for the
             // timeout delivery, which may run after this function has returned.
-            kiv_shared_ptr<ASRDispatchTaskBase> task = adopt<ASRDispatchTaskBase>(
-                std::make_unique<ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>>(
-                    child, &kiv_HttpTask_impl::timer_callback, param));
+            kiv_shared_ptr<ASRDispatchTaskBase> task =
+                kiv_shared_ptr<ASRDispatchTaskBase>::adoptNew(
+                    new ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>(
+                        child, &kiv_HttpTask_impl::timer_callback, param));
             _timer = RefreshTimer::createTimerWithTask(task, RESPONSE_TIME_OUT_MS);
         }
     } catch (const std::bad_alloc&) {
@@ -786,15 +807,11 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
             }
         }
     } catch (const std::bad_alloc&) {
-        // No response could be made for the final delivery: report that instead, if even the
-        // smaller error response can be made.
+        // No response could be made for the final delivery: the error delivery (which never
+        // needs memory) reports that instead.
         record->release();
         if (!timerFired) {
-            try {
-                deliverError(CURLE_OUT_OF_MEMORY, "out of memory", param);
-            } catch (const std::bad_alloc&) {
-                endSilently();
-            }
+            deliverError(CURLE_OUT_OF_MEMORY, std::string(), param);
         }
     }
     tmp = static_cast<kiv_http_request_maker*>(nullptr);
@@ -808,34 +825,33 @@ void kiv_HttpTask_impl::timer_callback(kiv_shared_ptr_base* resource) {
     if (isCancelled()) {
         return;
     }
-    kiv_shared_ptr<kiv_HttpResponse> resp;
-    try {
-        resp = kiv_HttpResponse::alloc();
-        resp->set_local_request_error(HTTP_REQUEST_TIMEOUT);
-        resp->setErrorMessage("[kiv_httptask_impl] downStream timeout.");
-    } catch (const std::bad_alloc&) {
-        // The transfer is ended all the same; its worker then reports the abort.
-        endSilently();
-        return;
-    }
     kiv_shared_ptr<kiv_http_request_maker> ret = selfRef.getPTR();
     // Ending the task also makes the transfer's progress callback abort libcurl (even without a
     // callback to tell); the worker then finds the timer fired and stays silent.
-    if (enterDelivery(true)) {
-        if (ret.getPTR() && my_callbackFn) {
-            KIV_LOG(5,
-                    "[DEBUG]-[%s][%s:371][kiv_HttpTask_impl::timer_callback]bf call cb this=%p\n",
-                    static_cast<void*>(this));
-        }
-        deliver(resp, resource);
+    if (!enterDelivery(true)) {
+        return;
     }
+    kiv_shared_ptr<kiv_HttpResponse> resp;
+    try {
+        resp = kiv_HttpResponse::alloc();
+        resp->setErrorMessage("[kiv_httptask_impl] downStream timeout.");
+    } catch (const std::bad_alloc&) {
+        resp = _spare_final;
+        resp->setErrorMessage(std::move(_spare_timeout_message));
+    }
+    resp->set_local_request_error(HTTP_REQUEST_TIMEOUT);
+    if (ret.getPTR() && my_callbackFn) {
+        KIV_LOG(5, "[DEBUG]-[%s][%s:371][kiv_HttpTask_impl::timer_callback]bf call cb this=%p\n",
+                static_cast<void*>(this));
+    }
+    deliver(resp, resource);
 }
 
 int kiv_HttpTask_impl::dispatchTransfer(kiv_shared_ptr<wrap_params>& params) {
     kiv_shared_ptr<kiv_HttpTask_impl> child;
     child.copyControlObject(&selfRef);
-    kiv_shared_ptr<ASRDispatchTaskBase> task = adopt<ASRDispatchTaskBase>(
-        std::make_unique<ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>>(
+    kiv_shared_ptr<ASRDispatchTaskBase> task = kiv_shared_ptr<ASRDispatchTaskBase>::adoptNew(
+        new ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>(
             child, &kiv_HttpTask_impl::performRequest, &params));
     kiv_shared_ptr<GlobalThreadPool> pool = kiv::Memory::Singleton<GlobalThreadPool>::instance();
     if (!pool.getPTR() || !pool->runTaskAsync(task)) {
@@ -908,7 +924,7 @@ kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_H
                                                                const char* header2) {
     kiv_shared_ptr<wrap_params> params;
     try {
-        params = adopt(std::make_unique<wrap_params>());
+        params = kiv_shared_ptr<wrap_params>::adoptNew(new wrap_params());
     } catch (const std::bad_alloc&) {
         curl_easy_cleanup(curl);
         throw;

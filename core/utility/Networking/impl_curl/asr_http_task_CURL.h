@@ -112,9 +112,9 @@ public:
     // no delivery is running or can start any more), not when the task object goes: the
     // object's destruction tells the caller that the stream is over.
     //
-    // A transfer that cannot be started (no libcurl handle, or no worker thread) still ends with
-    // one HTTP_REQUEST_CHUNK_REQ_ERROR delivery, made on this thread before start_request
-    // returns.
+    // A transfer that cannot be started (no libcurl handle, no worker thread, no memory) still
+    // ends with one HTTP_REQUEST_CHUNK_REQ_ERROR delivery, made on this thread before
+    // start_request returns.
     void start_request(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request,
                        request_callback_fn callbackFn,
                        kiv::Memory::kiv_shared_ptr_base* callbackUserParam) override;
@@ -246,6 +246,10 @@ private:
     // Upload bytes that may be queued and not yet sent (the request's _UPLOAD_QUEUE_LIMIT).
     long _queue_limit;
     std::atomic<int64_t> _bytes_sent;
+    // What the one final delivery uses when no response can be allocated at the end (made with
+    // the task, so the final delivery never depends on memory).
+    kiv::Memory::kiv_shared_ptr<kiv_HttpResponse> _spare_final;
+    std::string _spare_timeout_message;
 
     kiv_HttpTask_impl(const kiv_HttpTask_impl&) = delete;
     kiv_HttpTask_impl& operator=(const kiv_HttpTask_impl&) = delete;
