@@ -407,46 +407,6 @@ TEST(StreamingStartTest, NullUserParameterIsPassedThrough) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// HTTPS host pinning
-
-TEST(HostPinningEndToEndTest, ConnectsToIpWhileSpeakingToTheHostName) {
-    const std::string address = "127.0.0.2";
-    const std::string host = "asr.kiv-pinning.test";  // a name no resolver knows
-    if (!can_bind(address, 443)) {
-        GTEST_SKIP() << "cannot bind " << address << ":443 here (needs root or "
-                     << "CAP_NET_BIND_SERVICE); HTTPS pinning not exercised";
-    }
-    TlsCert cert = make_self_signed_cert(host, false);
-    HttpServerOptions options;
-    options.address = address;
-    options.port = 443;
-    options.tls = cert;
-    HttpServer server(options);
-    auto queue = std::make_shared<PieceQueue>();
-    serve_download(server, queue);
-    serve_upload(server);
-
-    Stream down;
-    down.start("https://" + address + "/down", HTTP_REQUEST_METHOD_CHUNK_DOWN,
-               "https://" + host + "/down");
-    Stream up;
-    up.start("https://" + address + "/up", HTTP_REQUEST_METHOD_CHUNK_UP, "https://" + host + "/up");
-    up.send("pinned audio", true);
-    queue->push("pinned result");
-    queue->close();
-    ASSERT_TRUE(down.wait_final());
-    ASSERT_TRUE(up.wait_final());
-    EXPECT_EQ(down.body(), "pinned result");
-    EXPECT_EQ(down.finals().at(0).error, HTTP_REQUEST_HTTPS_REQ_SUC);
-    EXPECT_EQ(up.finals().at(0).status, 200);
-    ASSERT_TRUE(server.wait_for_requests(2, seconds(5)));
-    for (const ReceivedRequest& seen : server.requests()) {
-        EXPECT_EQ(seen.sni, host);
-        EXPECT_EQ(seen.header("Host"), host);
-    }
-}
-
-// ---------------------------------------------------------------------------------------------
 // Many streams at once
 
 TEST(StreamingConcurrencyTest, ManyUploadsAndDownloadsEachEndOnceWithEveryByte) {

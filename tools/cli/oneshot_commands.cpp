@@ -44,6 +44,7 @@ bool add_header(const std::string& line, kiv_HttpRequest* request) {
 int run_one_shot(const OneShotOptions& options, bool post) {
     kiv_shared_ptr<kiv_HttpRequest> request = kiv_HttpRequest::requestWithUrl(options.url);
     request->_TIMEOUT_MS = options.timeout_ms;
+    apply_tls(options.tls, request.getPTR());
     for (const std::string& header : options.headers) {
         if (!add_header(header, request.getPTR())) {
             fprintf(stderr, "kiv-http: bad header '%s' (want 'Name: value')\n", header.c_str());

@@ -46,7 +46,7 @@ int run_upload(const StreamOptions& options) {
     const size_t frame = static_cast<size_t>(options.frame_ms) * 32;
     const bool progress = stderr_is_terminal();
     StreamClient client;
-    client.start_upload(options.url, options.origin_url);
+    client.start_upload(options.url, options.origin_url, options.tls);
     demo::GzipWriter gzip;
     const Clock::time_point start = Clock::now();
     size_t frames = 0;
@@ -81,11 +81,14 @@ int run_download(const StreamOptions& options) {
     StreamClient client;
     uint64_t received = 0;
     const Clock::time_point start = Clock::now();
-    client.start_download(options.url, options.origin_url, [&](const char* data, size_t size) {
-        fwrite(data, 1, size, stdout);
-        fflush(stdout);
-        received += size;  // worker thread only; read after the end
-    });
+    client.start_download(
+        options.url, options.origin_url,
+        [&](const char* data, size_t size) {
+            fwrite(data, 1, size, stdout);
+            fflush(stdout);
+            received += size;  // worker thread only; read after the end
+        },
+        options.tls);
     StreamEnd end;
     // A download ends on its own: at the server's end of body, a failure, or 12 s of silence.
     while (!client.wait_end(std::chrono::seconds(3600), &end)) {

@@ -1,6 +1,7 @@
 #include "core/utility/Networking/impl_curl/asr_http_task_CURL.h"
 
 #include <cxxabi.h>
+#include <strings.h>
 #include <time.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 
 #include "core/EventManager/EventManagerDecChunk.h"
 #include "core/utility/Memory/singleton.h"
+#include "core/utility/Networking/impl_curl/host_pinning.h"
 #include "core/utility/Threads/AppThreadTask.h"
 #include "core/utility/Threads/GlobalThreadPool.h"
 #include "core/utility/Threads/Synchronization/AppLock.h"
@@ -54,6 +56,10 @@ constexpr uint32_t kEnded = 2;
 constexpr uint32_t kWaiter = 4;
 constexpr uint32_t kOneDelivery = 8;
 constexpr int kDeliveryShift = 3;
+
+// What a start operation returns when the request's URLs cannot be used (besides 0 for
+// started, -999 for no libcurl handle and -1 for no worker).
+constexpr int kStartBadUrl = -2;
 
 // Bytes an upload may hold queued and unsent when the request sets no limit of its own.
 constexpr long kDefaultUploadQueueLimit = 64L * 1024 * 1024;
@@ -642,6 +648,9 @@ void kiv_HttpTask_impl::start_request(kiv_shared_ptr<kiv_HttpRequest> request,
         if (started == -999) {
             failure = CURLE_FAILED_INIT;
             reason = "init curl failed";
+        } else if (started == kStartBadUrl) {
+            failure = CURLE_URL_MALFORMAT;
+            reason = _pin_failure.c_str();
         } else if (started != 0) {
             reason = "no worker thread could be started for the transfer";
         }
@@ -899,24 +908,21 @@ std::string kiv_HttpTask_impl::getHostFromUrl(std::string url) {
 }
 
 std::string kiv_HttpTask_impl::getResolveDNSMap(std::string hostUrl, char* ipUrl) {
-    std::string host = getHostFromUrl(std::move(hostUrl));
-    std::string ip = getHostFromUrl(ipUrl ? std::string(ipUrl) : std::string());
-    if (host.empty() || ip.empty()) {
+    pinning::PinnedTarget target;
+    std::string why;
+    if (!ipUrl || !pinning::pin_target(hostUrl, ipUrl, &target, &why)) {
         return std::string();
     }
-    return host + ":443:" + ip;
+    return target.resolve;
 }
 
 std::string kiv_HttpTask_impl::getHostUrl(std::string oriUrl, char* ipUrl) {
-    std::string host = getHostFromUrl(std::move(oriUrl));
-    std::string url = ipUrl ? std::string(ipUrl) : std::string();
-    int32_t hostStart = 0;
-    int32_t posEnd = 0;
-    if (!find_host(url, hostStart, posEnd)) {
+    pinning::PinnedTarget target;
+    std::string why;
+    if (!ipUrl || !pinning::pin_target(oriUrl, ipUrl, &target, &why)) {
         return std::string();
     }
-    url.replace(static_cast<size_t>(hostStart), static_cast<size_t>(posEnd - hostStart), host);
-    return url;
+    return target.url;
 }
 
 kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_HttpRequest* request,
@@ -937,17 +943,28 @@ kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_H
     // fails on the worker and the error delivery reports it.
     static char kNoUrl[1] = {0};
     char* ipUrl = request->_URL.getPTR() ? request->_URL.getPTR() : kNoUrl;
-    _is_https = containHttps(ipUrl);
-    if (_is_https) {
-        std::string resolveDNSMap = getResolveDNSMap(request->_origin_URL, ipUrl);
-        if (!append_line(params->resolve, resolveDNSMap.c_str())) {
+    pinning::UrlParts parts;
+    const bool httpsScheme =
+        pinning::split_url(ipUrl, &parts) && strcasecmp(parts.scheme.c_str(), "https") == 0;
+    _is_https = containHttps(ipUrl) || httpsScheme;
+    // Without a host-name form of its own (none, or the same text, as requestWithUrl leaves
+    // it), an HTTPS URL is connected to directly: there is nothing to pin.
+    const std::string& origin = request->_origin_URL;
+    if (_is_https && !origin.empty() && origin != ipUrl) {
+        pinning::PinnedTarget target;
+        if (!pinning::pin_target(origin, ipUrl, &target, &_pin_failure)) {
+            KIV_LOG(2, "[ERROR]-[%s][%s:470][kiv_HttpTask_impl::prepareTransfer] this=%p %s\n",
+                    static_cast<void*>(this), _pin_failure.c_str());
+            return kiv_shared_ptr<wrap_params>();  // frees the handle and the list
+        }
+        if (!append_line(params->resolve, target.resolve.c_str())) {
             throw std::bad_alloc();
         }
         curl_easy_setopt(curl, CURLOPT_RESOLVE, params->resolve);
         curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
         curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
         // libcurl copies the URL text when the option is set, so a local string is enough.
-        curl_easy_setopt(curl, CURLOPT_URL, getHostUrl(request->_origin_URL, ipUrl).c_str());
+        curl_easy_setopt(curl, CURLOPT_URL, target.url.c_str());
     } else {
         curl_easy_setopt(curl, CURLOPT_URL, ipUrl);
     }
@@ -971,6 +988,9 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     }
     kiv_shared_ptr<wrap_params> params = prepareTransfer(
         curl, request.getPTR(), "Transfer-Encoding: chunked", "Content-Encoding: gzip");
+    if (!params.getPTR()) {
+        return kStartBadUrl;
+    }
 
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
@@ -1146,6 +1166,9 @@ int kiv_HttpTask_impl::downloadChunkStart(kiv_shared_ptr<kiv_HttpRequest> reques
     kiv_shared_ptr<wrap_params> params =
         prepareTransfer(curl, request.getPTR(), "Content-Type: application/octet-stream",
                         "Accept-Encoding:gzip,deflate");
+    if (!params.getPTR()) {
+        return kStartBadUrl;
+    }
 
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);

@@ -205,9 +205,11 @@ private:
     bool containHttps(const char* url);
     // The text between the first "//" (not at position 0) and the next "/".
     std::string getHostFromUrl(std::string url);
-    // "host:443:ip" from the host-name URL and the IP URL.
+    // The resolve entry "host:port:ip" from the host-name URL and the IP URL; the port is the
+    // one the IP URL names, else the one the host-name URL names, else 443.
     std::string getResolveDNSMap(std::string hostUrl, char* ipUrl);
-    // `ipUrl` with its host text replaced by that of `oriUrl`.
+    // `ipUrl` with its host replaced by that of `oriUrl` (and the port of the resolve entry
+    // when either URL names one).
     std::string getHostUrl(std::string oriUrl, char* ipUrl);
 
     request_callback_fn my_callbackFn;
@@ -250,6 +252,8 @@ private:
     // the task, so the final delivery never depends on memory).
     kiv::Memory::kiv_shared_ptr<kiv_HttpResponse> _spare_final;
     std::string _spare_timeout_message;
+    // Why the URLs could not be pinned (set by a start that refused them).
+    std::string _pin_failure;
 
     kiv_HttpTask_impl(const kiv_HttpTask_impl&) = delete;
     kiv_HttpTask_impl& operator=(const kiv_HttpTask_impl&) = delete;
