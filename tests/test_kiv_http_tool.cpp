@@ -116,6 +116,12 @@ TEST(KivHttpToolTest, OneShotExitCodesAndOutput) {
     EXPECT_EQ(refused.status, 3);
     EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 2)
         << "one log line and one reason line: " << refused.err;
+    EXPECT_NE(refused.err.find("onnect"), std::string::npos) << "libcurl's reason: " << refused.err;
+    ToolRun refusedUpload =
+        run_tool({"upload", "http://127.0.0.1:" + std::to_string(closed.port()) + "/", __FILE__});
+    EXPECT_EQ(refusedUpload.status, 3);
+    EXPECT_NE(refusedUpload.err.find("upload: failed: "), std::string::npos) << refusedUpload.err;
+    EXPECT_NE(refusedUpload.err.find("onnect"), std::string::npos) << refusedUpload.err;
 
     ToolRun usage = run_tool({"post", base + "/v1/health"});
     EXPECT_NE(usage.status, 0);

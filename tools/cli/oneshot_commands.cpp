@@ -74,10 +74,11 @@ int run_one_shot(const OneShotOptions& options, bool post) {
     }
     const int32_t status = response->get_http_status();
     if (status == 0) {
-        fprintf(stderr, "kiv-http: no answer from %s (%s)\n", options.url.c_str(),
+        fprintf(stderr, "kiv-http: no answer from %s: %s (libcurl code %d)\n", options.url.c_str(),
                 response->get_local_request_error() == HTTP_REQUEST_ABORTED
                     ? "cancelled"
-                    : "connection, TLS or time limit failed; --log-level 2 shows libcurl's code");
+                    : response->get_curl_error().c_str(),
+                response->get_curl_code());
         return kExitLocalError;
     }
     if (options.include_head) {

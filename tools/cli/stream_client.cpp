@@ -75,6 +75,8 @@ void StreamClient::on_delivery(kiv_shared_ptr<kiv_http_request_maker>&,
     state.end.status = status;
     state.end.error = error;
     state.end.message = response->getErrorMessage();
+    state.end.curl_code = response->get_curl_code();
+    state.end.curl_error = response->get_curl_error();
     state.changed.notify_all();
 }
 

@@ -20,6 +20,9 @@ struct StreamEnd {
     int32_t status = 0;  // HTTP status; 0 when the transfer failed or timed out
     Networking::HTTP_REQUEST_ERROR error = Networking::HTTP_REQUEST_OK;
     std::string message;
+    // libcurl's code and error text when the transfer failed.
+    int32_t curl_code = 0;
+    std::string curl_error;
 };
 
 // One streaming exchange of the transport layer (an upload or a download) seen from an

@@ -26,8 +26,10 @@ int report_end(const char* what, const StreamEnd& end) {
         fprintf(stderr, "%s: server answered %d\n", what, end.status);
         return end.status >= 200 && end.status <= 299 ? kExitOk : kExitHttpError;
     }
-    fprintf(stderr, "%s: failed (local error %d: %s)\n", what, static_cast<int>(end.error),
-            end.message.c_str());
+    // libcurl's reason first: it names what failed (a refused connection, a TLS problem).
+    fprintf(stderr, "%s: failed: %s (libcurl code %d; local error %d)\n", what,
+            end.curl_error.empty() ? end.message.c_str() : end.curl_error.c_str(), end.curl_code,
+            static_cast<int>(end.error));
     return kExitLocalError;
 }
 

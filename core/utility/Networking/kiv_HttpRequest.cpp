@@ -18,7 +18,10 @@ kiv_HttpRequest::kiv_HttpRequest()
       cancellationHandlerFunction(nullptr),
       cancellationHandlerParam(nullptr),
       cancellationMutex(new AppMutex(false)),
-      _isCancelled(0) {}
+      _isCancelled(0),
+      _VERIFY_TLS(false),
+      _UPLOAD_QUEUE_LIMIT(0),
+      _MAX_REDIRECTS(0) {}
 
 kiv_HttpRequest::~kiv_HttpRequest() {
     delete cancellationHandlerParam;
