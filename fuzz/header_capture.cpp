@@ -8,7 +8,8 @@
 //   whose whole text is the name);
 // - the value starts after the colon, past blanks and tabs, and stops at CR, LF, a zero byte or
 //   the end of the line;
-// - a later line with the same name replaces the earlier value.
+// - a later line with the same name replaces the earlier value;
+// - every line is also kept whole, in order and with duplicates, less its trailing CRs and LFs.
 //
 // Input: byte 0 says how the rest is cut into lines. Odd: after each LF, as libcurl does (the
 // LF stays in the line). Even: at each byte equal to byte 0, which is dropped, so that lines
@@ -21,6 +22,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/utility/Networking/impl_curl/asr_http_task_CURL.h"
 #include "core/utility/kiv_log.h"
@@ -69,8 +71,13 @@ std::string printable(const std::string& s) {
     return out;
 }
 
-void feed(kiv_HttpResponse* response, std::map<std::string, std::string>& model,
-          const uint8_t* data, size_t len, bool itemsAreBytes) {
+struct Model {
+    std::map<std::string, std::string> headers;
+    std::vector<std::string> lines;
+};
+
+void feed(kiv_HttpResponse* response, Model& model, const uint8_t* data, size_t len,
+          bool itemsAreBytes) {
     // Exactly the line's bytes, so that ASan reports any read past either end.
     std::unique_ptr<char[]> buffer(new char[len]);
     if (len > 0) {
@@ -83,7 +90,13 @@ void feed(kiv_HttpResponse* response, std::map<std::string, std::string>& model,
 
     const std::string line(reinterpret_cast<const char*>(data), len);
     const auto header = expected_header(line);
-    model[header.first] = header.second;
+    model.headers[header.first] = header.second;
+    const size_t kept = line.find_last_not_of("\r\n");
+    model.lines.push_back(line.substr(0, kept == std::string::npos ? 0 : kept + 1));
+    const auto& lines = response->get_header_lines();
+    FUZZ_CHECK(lines.size() == model.lines.size() && lines.back() == model.lines.back(),
+               "line \"%s\" kept as \"%s\"", printable(line).c_str(),
+               lines.empty() ? "<none>" : printable(lines.back()).c_str());
     const auto* headers = response->getResponseHeaders();
     const auto found = headers->find(header.first);
     FUZZ_CHECK(found != headers->end(), "line \"%s\": name \"%s\" not recorded",
@@ -112,7 +125,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     --size;
 
     auto response = kiv_HttpResponse::alloc();
-    std::map<std::string, std::string> model;
+    Model model;
     size_t start = 0;
     for (size_t i = 0; i < size; ++i) {
         if (cutAfterLf && data[i] == '\n') {
@@ -124,8 +137,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     feed(response.getPTR(), model, data + start, size - start, itemsAreBytes);
-    FUZZ_CHECK(*response->getResponseHeaders() == model, "%zu headers recorded, %zu expected",
-               response->getResponseHeaders()->size(), model.size());
+    FUZZ_CHECK(*response->getResponseHeaders() == model.headers,
+               "%zu headers recorded, %zu expected", response->getResponseHeaders()->size(),
+               model.headers.size());
+    FUZZ_CHECK(response->get_header_lines() == model.lines, "head lines differ");
 
     // No response (a request made without one) and no buffer: the line is consumed unread.
     FUZZ_CHECK(TaskTestAccess::header(nullptr, 1, size, response.getPTR()) == size, "null buffer");
