@@ -996,7 +996,10 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
     curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &kiv_HttpTask_impl::header_callback);
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    // A redirect is the server's answer to this upload and is delivered as one. Following it
+    // cannot re-send a streamed body: a 307/308 fails to rewind, and a 301-303 becomes a GET
+    // without the audio whose status would then be reported as the upload's answer.
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, params->headers);
     curl_easy_setopt(curl, CURLOPT_READFUNCTION, &kiv_HttpTask_impl::read_callback);
@@ -1089,7 +1092,18 @@ int kiv_HttpTask_impl::chunk_http_progress_cb(void* clientp, double, double, dou
     if (!clientp) {
         return 1;
     }
-    return static_cast<kiv_HttpTask_impl*>(clientp)->isCancelled() ? 1 : 0;
+    auto* task = static_cast<kiv_HttpTask_impl*>(clientp);
+    if (task->isCancelled()) {
+        return 1;
+    }
+    // A refused piece abandons the upload, but the reader that acts on it runs only when the
+    // socket takes more bytes: against a peer that has stopped reading, the upload would wait
+    // for ever. The progress function runs regardless, so it abandons the body too.
+    if (task->_method == HTTP_REQUEST_METHOD_CHUNK_UP) {
+        PthreadLockGuard lock(task->_cond_mutex);
+        return task->_upload_failed ? 1 : 0;
+    }
+    return 0;
 }
 
 void kiv_HttpTask_impl::send_data(kiv_shared_ptr<unsigned char>& post_data, long data_len,
