@@ -6,6 +6,8 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -34,6 +36,7 @@ struct Delivery {
     int32_t curlCode = 0;
     std::string curlError;
     std::thread::id thread;
+    std::chrono::steady_clock::time_point at;  // when the callback ran
 };
 
 // The caller's per-stream object: records every delivery and notices its own destruction,
@@ -72,6 +75,7 @@ public:
         d.curlCode = response->get_curl_code();
         d.curlError = response->get_curl_error();
         d.thread = std::this_thread::get_id();
+        d.at = std::chrono::steady_clock::now();
         auto& shared = *self->shared_;
         {
             std::lock_guard<std::mutex> lock(shared.mutex);
@@ -102,6 +106,11 @@ public:
         if (!origin.empty()) {
             request->_origin_URL = origin;
         }
+        start(request);
+    }
+
+    // Starts a request the test has filled in itself.
+    void start(kiv_shared_ptr<kiv_HttpRequest> request) {
         task_->start_request(request, &Recorder::callback, &param_);
     }
 

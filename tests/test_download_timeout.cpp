@@ -8,8 +8,9 @@ using namespace kiv::Networking;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// The 12 s inactivity limit of a chunked download. Slow by nature: these tests sit out the
-// limit for real.
+// The 12 s inactivity limit of a chunked download, kept from firing by pieces that keep coming.
+// Slow by nature: the test sits out the limit for real. (A silent server, that gets the timeout
+// delivery, is a row of the hostile-peer matrix.)
 
 namespace {
 
@@ -35,22 +36,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(DownloadTimeoutTest, SilentServerGetsExactlyOneTimeoutDelivery) {
-    queue->push("one piece, then silence");
-    ASSERT_TRUE(stream.wait_deliveries(1));
-    const auto quiet = std::chrono::steady_clock::now();
-    ASSERT_TRUE(stream.wait_final(seconds(30)));
-    EXPECT_GE(std::chrono::steady_clock::now() - quiet, milliseconds(11900))
-        << "timed out before the inactivity limit";
-    stream.release();
-    ASSERT_TRUE(stream.wait_finished());
-    std::vector<Delivery> finals = stream.finals();
-    ASSERT_EQ(finals.size(), 1u) << "the aborted transfer must not deliver again";
-    EXPECT_EQ(finals[0].error, HTTP_REQUEST_TIMEOUT);
-    EXPECT_EQ(finals[0].status, 0);
-    EXPECT_EQ(finals[0].message, "[kiv_httptask_impl] downStream timeout.");
-}
 
 TEST_F(DownloadTimeoutTest, PiecesEveryFewSecondsKeepTheDownloadAlive) {
     // 4 pieces 5 s apart: 20 s in all, longer than the limit, but never 12 s of silence.

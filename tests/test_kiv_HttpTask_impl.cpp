@@ -250,41 +250,6 @@ TEST(ChunkedDownloadTest, CompressedBodyReachesCallerAsSent) {
     EXPECT_EQ(stream.body(), gz);
 }
 
-// A status outside 200-299 is delivered once with no local error; 201-299 ends silently.
-TEST(StreamingStatusTest, StatusDecidesTheFinalDelivery) {
-    for (auto [method, status] : {std::make_pair(HTTP_REQUEST_METHOD_CHUNK_UP, 404u),
-                                  std::make_pair(HTTP_REQUEST_METHOD_CHUNK_DOWN, 204u),
-                                  std::make_pair(HTTP_REQUEST_METHOD_CHUNK_DOWN, 404u)}) {
-        SCOPED_TRACE(testing::Message() << "method " << method << ", status " << status);
-        HttpServer server;
-        serve_upload(server, status);
-        auto queue = std::make_shared<PieceQueue>();
-        queue->push("body");
-        queue->close();
-        serve_download(server, queue, status);
-        Stream stream;
-        const bool up = method == HTTP_REQUEST_METHOD_CHUNK_UP;
-        stream.start(server.url(up ? "/up" : "/down"), method);
-        if (up) {
-            stream.send("abc", true);
-        }
-        ASSERT_TRUE(server.wait_for_requests(1, seconds(5)));
-        if (status == 404) {
-            ASSERT_TRUE(stream.wait_final());
-        }
-        stream.release();
-        ASSERT_TRUE(stream.wait_finished());
-        std::vector<Delivery> finals = stream.finals();
-        if (status == 204) {
-            EXPECT_TRUE(finals.empty()) << "a 2xx other than 200 ends silently";
-        } else {
-            ASSERT_EQ(finals.size(), 1u);
-            EXPECT_EQ(finals[0].status, 404);
-            EXPECT_EQ(finals[0].error, HTTP_REQUEST_OK);
-        }
-    }
-}
-
 TEST(ChunkedDownloadTest, RefusedConnectionAndMissingUrlGiveOneErrorDelivery) {
     ClosedPort closed;
     Stream refused;

@@ -101,8 +101,9 @@ TEST(TlsVerificationTest, EachSettingAgainstTheServerAndAnImpostor) {
     }
 }
 
-// Pinning on a port of its own and on 443, and to an IPv6 loopback address: the server sees
-// the host name in the TLS handshake and in Host, and the CA verifies it.
+// Pinning on a port of its own and to an IPv6 loopback address: the server sees the host name
+// in the TLS handshake and in Host, and the CA verifies it. (Port 443 is what every HTTPS row of
+// the hostile-peer matrix pins to.)
 TEST(TlsVerificationTest, PinningWorksOnAnyPortAndOverIpv6) {
     const TlsCert ca = make_ca("kiv test CA");
     const TlsCert cert = make_signed_cert(ca, kHost);
@@ -113,8 +114,7 @@ TEST(TlsVerificationTest, PinningWorksOnAnyPortAndOverIpv6) {
         uint16_t port;
     };
     int exercised = 0;
-    for (const Target& t :
-         {Target{"127.0.0.2", 8443}, Target{"127.0.0.2", 443}, Target{"::1", 0}}) {
+    for (const Target& t : {Target{"127.0.0.2", 8443}, Target{"::1", 0}}) {
         SCOPED_TRACE(t.address + " port " + std::to_string(t.port));
         if (!can_bind(t.address, t.port)) {
             printf("skipped: cannot bind %s port %u here\n", t.address.c_str(), t.port);
