@@ -2,7 +2,9 @@
 
 #include <cxxabi.h>
 #include <strings.h>
+#include <sys/socket.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -433,7 +435,8 @@ kiv_HttpTask_impl::kiv_HttpTask_impl()
       _refused_bytes(0),
       _queue_limit(kDefaultUploadQueueLimit),
       _bytes_sent(0),
-      _spare_timeout_message("[kiv_httptask_impl] downStream timeout.") {
+      _spare_timeout_message("[kiv_httptask_impl] downStream timeout."),
+      _socket(CURL_SOCKET_BAD) {
     // Everything that can fail is made first, so a failure leaks nothing (the members above
     // are destroyed by the language, the ones below by the holders).
     auto condition = std::make_unique<AppConditionMutex>(0);
@@ -687,6 +690,12 @@ void kiv_HttpTask_impl::cancel() {
         {
             PthreadLockGuard lock(_cond_mutex);
             pthread_cond_broadcast(&_cond);
+            // libcurl looks at the progress function only about once a second while it waits on
+            // a socket (a peer that reads nothing, or sends nothing): shutting the connection
+            // down wakes it now, and the transfer ends within milliseconds instead.
+            if (_socket != CURL_SOCKET_BAD) {
+                shutdown(_socket, SHUT_RDWR);
+            }
         }
         AppLock lock(_timer_mutex);
         if (_timer.getPTR()) {
@@ -975,6 +984,33 @@ kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_H
 void kiv_HttpTask_impl::finishOptions(wrap_params& params, kiv_HttpRequest& request) {
     curl_easy_setopt(params.curl, CURLOPT_ERRORBUFFER, params.errorBuffer);
     set_verification(params.curl, request);
+    // libcurl closes every socket of the handle by the time the worker releases the record, so
+    // the task outlives both callbacks.
+    curl_easy_setopt(params.curl, CURLOPT_SOCKOPTFUNCTION, &kiv_HttpTask_impl::socket_opened);
+    curl_easy_setopt(params.curl, CURLOPT_SOCKOPTDATA, this);
+    curl_easy_setopt(params.curl, CURLOPT_CLOSESOCKETFUNCTION, &kiv_HttpTask_impl::socket_closing);
+    curl_easy_setopt(params.curl, CURLOPT_CLOSESOCKETDATA, this);
+}
+
+int kiv_HttpTask_impl::socket_opened(void* clientp, curl_socket_t fd, curlsocktype) {
+    auto* task = static_cast<kiv_HttpTask_impl*>(clientp);
+    PthreadLockGuard lock(task->_cond_mutex);
+    if (task->isCancelled()) {
+        return CURL_SOCKOPT_ERROR;
+    }
+    task->_socket = fd;
+    return CURL_SOCKOPT_OK;
+}
+
+int kiv_HttpTask_impl::socket_closing(void* clientp, curl_socket_t fd) {
+    auto* task = static_cast<kiv_HttpTask_impl*>(clientp);
+    {
+        PthreadLockGuard lock(task->_cond_mutex);
+        if (task->_socket == fd) {
+            task->_socket = CURL_SOCKET_BAD;
+        }
+    }
+    return close(fd);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -184,9 +184,14 @@ private:
     kiv::Memory::kiv_shared_ptr<wrap_params> prepareTransfer(CURL* curl, kiv_HttpRequest* request,
                                                              const char* header1,
                                                              const char* header2);
-    // Options every streaming transfer sets after its fixed list: libcurl's error buffer and
-    // the certificate verification the request asks for.
+    // Options every streaming transfer sets after its fixed list: libcurl's error buffer, the
+    // certificate verification the request asks for, and the socket callbacks below.
     void finishOptions(wrap_params& params, kiv_HttpRequest& request);
+    // libcurl's socket callbacks (`clientp` is the task): they keep `_socket` while libcurl has
+    // the transfer's connection open, so that cancel() can wake a transfer that waits on the
+    // network. A socket opened after cancel() is refused.
+    static int socket_opened(void* clientp, curl_socket_t fd, curlsocktype purpose);
+    static int socket_closing(void* clientp, curl_socket_t fd);
 
     // One-shot request callbacks. They run on the calling thread inside curl_easy_perform and
     // touch only the record libcurl hands them.
@@ -254,6 +259,9 @@ private:
     std::string _spare_timeout_message;
     // Why the URLs could not be pinned (set by a start that refused them).
     std::string _pin_failure;
+    // The transfer's connection while libcurl has it open, else CURL_SOCKET_BAD. Under
+    // _cond_mutex, which libcurl's close goes through: cancel() never touches a reused number.
+    curl_socket_t _socket;
 
     kiv_HttpTask_impl(const kiv_HttpTask_impl&) = delete;
     kiv_HttpTask_impl& operator=(const kiv_HttpTask_impl&) = delete;
