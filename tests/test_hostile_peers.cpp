@@ -235,6 +235,13 @@ struct Param {
     bool tls;
 };
 
+// What a failure (and CTest's list) names the parameter by.
+void PrintTo(const Param& param, std::ostream* os) {
+    const Row& row = rows()[param.row];
+    *os << row.name << (row.dir == kDown ? ", download" : ", upload")
+        << (param.tls ? ", HTTPS" : ", HTTP");
+}
+
 std::string param_name(const testing::TestParamInfo<Param>& info) {
     const Row& row = rows()[info.param.row];
     return std::string(row.name) + (row.dir == kDown ? "_Download" : "_Upload") +
