@@ -130,9 +130,10 @@ public:
                    bool is_last) override;
 
     // Stops the task from any thread, at any time, any number of times: a waiting upload
-    // reader wakes at once, the transfer aborts at its next libcurl callback (an upload's body
-    // is abandoned, never completed), the download timer is cancelled, and no delivery starts
-    // after this returns (see "Cancel" above).
+    // reader wakes at once, the transfer's connection is shut down (so a transfer waiting on a
+    // silent or stalled peer wakes too) and the transfer aborts at its next libcurl callback (an
+    // upload's body is abandoned, never completed), the download timer is cancelled, and no
+    // delivery starts after this returns (see "Cancel" above).
     void cancel() override;
 
     // Upload bytes handed to libcurl so far (not merely queued).
