@@ -124,43 +124,6 @@ TEST(ChunkedUploadTest, ConcurrentSendersKeepEachPieceWholeAndInTheirOrder) {
     }
 }
 
-TEST(ChunkedUploadTest, CancelWhileReaderWaitsEndsWithoutDelivery) {
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool firstPieceSeen = false;
-    std::atomic<bool> closed{false};
-    RawServer server([&](RawConnection& c) {
-        auto head = c.read_head();
-        if (!head) {
-            return;
-        }
-        if (find_header(*head, "Expect")) {
-            c.write_all("HTTP/1.1 100 Continue\r\n\r\n");
-        }
-        // "5\r\nfirst\r\n": once it is here, the reader is waiting for more.
-        if (c.read_exact(10)) {
-            std::lock_guard<std::mutex> lock(mutex);
-            firstPieceSeen = true;
-            cv.notify_all();
-        }
-        closed = c.wait_for_close(milliseconds(20000));
-    });
-    Stream stream;
-    stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
-    stream.send("first", false);
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(cv.wait_for(lock, seconds(10), [&] { return firstPieceSeen; }));
-    }
-    stream.task()->cancel();
-    stream.task()->cancel();  // a second cancel does nothing more
-    stream.release();
-    ASSERT_TRUE(stream.wait_finished()) << "the transfer did not end after cancel";
-    ASSERT_TRUE(server.wait_for_finished(1, milliseconds(20000)));
-    EXPECT_TRUE(closed.load());
-    EXPECT_TRUE(stream.deliveries().empty());
-}
-
 TEST(ChunkedUploadTest, BadSendDataInputQueuesNothing) {
     HttpServer server;
     serve_upload(server);
