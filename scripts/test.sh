@@ -32,5 +32,10 @@ echo "== ThreadSanitizer build"
 CTEST_ARGS="-LE demo" run_suite build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKIV_HTTP_SANITIZE=thread -DKIV_HTTP_BUILD_BENCH=OFF -DKIV_HTTP_BUILD_TOOLS=OFF
 
+echo "== clang build: lock annotations checked (-Wthread-safety -Werror), everything compiled"
+cmake -S "$root" -B build/clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
+    -DCMAKE_CXX_COMPILER=clang++ -DKIV_HTTP_BUILD_BENCH=OFF >/dev/null
+cmake --build build/clang -j "$jobs"
+
 echo "== fuzzers, 20 s each"
 bash scripts/fuzz.sh 20

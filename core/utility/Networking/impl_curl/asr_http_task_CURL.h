@@ -15,6 +15,7 @@
 #include "core/utility/Networking/kiv_HttpRequestMaker.h"
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 #include "core/utility/Threads/kiv_Timer_refresh.h"
+#include "core/utility/thread_annotations.h"
 
 namespace kiv {
 namespace Networking {
@@ -49,13 +50,16 @@ struct wrap_params {
     wrap_params& operator=(const wrap_params&) = delete;
 };
 
+// A pthread mutex the lock analysis knows as a lock (the same type, only annotated).
+typedef pthread_mutex_t kiv_pthread_mutex_t KIV_CAPABILITY("mutex");
+
 // Scoped lock on a pthread mutex.
-class PthreadLockGuard {
+class KIV_SCOPED_CAPABILITY PthreadLockGuard {
 public:
-    explicit PthreadLockGuard(pthread_mutex_t& m) : _m(m) {
+    explicit PthreadLockGuard(kiv_pthread_mutex_t& m) KIV_ACQUIRE(m) : _m(m) {
         pthread_mutex_lock(const_cast<pthread_mutex_t*>(&_m));
     }
-    ~PthreadLockGuard() { pthread_mutex_unlock(const_cast<pthread_mutex_t*>(&_m)); }
+    ~PthreadLockGuard() KIV_RELEASE() { pthread_mutex_unlock(const_cast<pthread_mutex_t*>(&_m)); }
 
 private:
     PthreadLockGuard();
@@ -214,18 +218,18 @@ private:
 
     request_callback_fn my_callbackFn;
     kiv::Memory::kiv_shared_ptr_base* _callbackUserParam;
-    kiv::Memory::kiv_shared_ptr<kiv::PCMQueue> _upload_data;
-    kiv::Memory::kiv_shared_ptr<kiv::Threads::RefreshTimer> _timer;
+    kiv::Memory::kiv_shared_ptr<kiv::PCMQueue> _upload_data KIV_GUARDED_BY(_cond_mutex);
+    kiv::Memory::kiv_shared_ptr<kiv::Threads::RefreshTimer> _timer KIV_GUARDED_BY(_timer_mutex);
     // The end guard, shared by the caller's thread, the worker and the timer thread; only ever
     // read and set with atomic operations.
     bool _is_canceled;
-    bool _is_last;
+    bool _is_last KIV_GUARDED_BY(_cond_mutex);
     bool _is_https;
-    long _total_size;
+    long _total_size KIV_GUARDED_BY(_cond_mutex);
     // Where a thread waits for running deliveries to finish (the delivery gate's slow path).
     kiv::Threads::Synchronization::AppConditionMutex* notEmpty;
     pthread_cond_t _cond;
-    pthread_mutex_t _cond_mutex;
+    kiv_pthread_mutex_t _cond_mutex;
     HTTP_REQUEST_METHOD _method;
     kiv::Threads::Synchronization::AppMutex* _timer_mutex;
     kiv::Threads::Synchronization::AppMutex* _audio_queue_mutex;
@@ -243,8 +247,8 @@ private:
     // deliveries to finish. Bits 3 and up: deliveries running.
     std::atomic<uint32_t> _gate;
     // Upload: the queue refused a piece; the reader abandons the body. Under _cond_mutex.
-    bool _upload_failed;
-    long _refused_bytes;
+    bool _upload_failed KIV_GUARDED_BY(_cond_mutex);
+    long _refused_bytes KIV_GUARDED_BY(_cond_mutex);
     // Upload bytes that may be queued and not yet sent (the request's _UPLOAD_QUEUE_LIMIT).
     long _queue_limit;
     std::atomic<int64_t> _bytes_sent;
