@@ -14,19 +14,20 @@
 //    at its first failure, and the reason is printed (lateness, missing, CPU, connections that
 //    never came up, thread creation, the open-file limit).
 //
-// Every measurement runs in a fresh process of this program (`--step`), so that neither side's
-// threads, allocator caches or memory linger in the other's figures; the sides alternate which
-// goes first. A step process is bounded by alarm().
+// Every measurement runs in a fresh process of this program (`--step`, bounded by alarm()), so
+// that neither side's threads, allocator caches or memory linger in the other's figures.
 //
 // Usage: bench_scale [--quick] [--pairs 500] [--seconds 10] [--idle 3] [--rounds 2]
 //                    [--scan-seconds 5] [--max-pairs 4096]
 
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <deque>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -49,13 +50,12 @@ struct Step {
     int pairs = 0;
     double cpu = 0, server_cpu = 0, idle_cpu = 0, kib = 0, others = 0;  // CPU in % of one core
     long frames = 0, frames_seen = 0, frames_late = 0, pieces = 0, pieces_seen = 0, pieces_late = 0,
-         finals_bad = 0, threads = 0;
+         finals_bad = 0, threads = 0, files = 0;
     double frame_p99 = 0, piece_p99 = 0;
     char fail[200] = "";
 
     long late() const { return frames_late + pieces_late; }
     long missing() const { return (frames - frames_seen) + (pieces - pieces_seen); }
-    bool connected() const { return kib > 0; }
     // Why the step was not carried; empty when it was.
     std::string why() const {
         if (fail[0]) {
@@ -76,70 +76,58 @@ struct Step {
     }
 };
 
-// The pairs of the layer.
-struct LayerFleet {
+// The pairs of one side: the layer's two tasks each, or raw libcurl's two threads blocked in
+// curl_easy_perform. Both sides allocate the same Pair, so that it weighs alike in their memory.
+struct Fleet {
     struct Pair {
         kiv_shared_ptr<LayerStream> up{new LayerStream}, down{new LayerStream};
         kiv_shared_ptr<kiv_http_request_maker> up_task, down_task;
+        PlainQueue queue;
+        long up_status = 0, down_status = 0;
+        std::thread up_thread, down_thread;
     };
-    std::vector<std::unique_ptr<Pair>> pairs;
+    explicit Fleet(bool layer_side) : layer(layer_side) {}
+    const bool layer;
+    std::deque<Pair> pairs;
     kiv_shared_ptr<unsigned char> buffer = kiv::Memory::make_shared_array<unsigned char>(kFrame);
 
     bool open(LoopbackServer& server) {
-        pairs.emplace_back(new Pair);
-        Pair& p = *pairs.back();
+        Pair& p = pairs.emplace_back();
         p.down->sink.records = true;
-        p.up_task = LayerStream::start(server.url("/up/frames"), true, p.up);
-        p.down_task = LayerStream::start(server.url("/stream"), false, p.down);
-        return true;
-    }
-    // send_data copies the bytes, so one buffer serves every frame.
-    void send(size_t i, const unsigned char* frame) {
-        memcpy(buffer.getPTR(), frame, kFrame);
-        pairs[i]->up_task->send_data(buffer, static_cast<long>(kFrame), false);
-    }
-    void finish(size_t i) { pairs[i]->up_task->send_data(buffer, 0, true); }
-    bool wait(size_t i, int64_t deadline) {
-        Pair& p = *pairs[i];
-        const int left = static_cast<int>((deadline - now_ns()) / 1000000);
-        return p.up->wait_ok(left) && p.down->wait_ok(left);
-    }
-    Sink& sink(size_t i) { return pairs[i]->down->sink; }
-};
-
-// The pairs of raw libcurl: two threads each, blocked in curl_easy_perform.
-struct RawFleet {
-    struct Pair {
-        PlainQueue queue;
-        Sink sink;
-        long up_status = 0, down_status = 0;
-        std::thread up, down;
-    };
-    std::vector<std::unique_ptr<Pair>> pairs;
-
-    bool open(LoopbackServer& server) {
-        pairs.emplace_back(new Pair);
-        Pair* p = pairs.back().get();
-        p->sink.records = true;
+        const std::string up = server.url("/up/frames"), down = server.url("/stream");
+        if (layer) {
+            p.up_task = LayerStream::start(up, true, p.up);
+            p.down_task = LayerStream::start(down, false, p.down);
+            return true;
+        }
         try {
-            p->up = std::thread(
-                [p, url = server.url("/up/frames")] { p->up_status = raw_upload(url, &p->queue); });
-            p->down = std::thread(
-                [p, url = server.url("/stream")] { p->down_status = raw_download(url, &p->sink); });
+            p.up_thread = std::thread([&p, up] { p.up_status = raw_upload(up, &p.queue); });
+            p.down_thread =
+                std::thread([&p, down] { p.down_status = raw_download(down, &p.down->sink); });
         } catch (const std::system_error&) {
             return false;
         }
         return true;
     }
-    void send(size_t i, const unsigned char* frame) { pairs[i]->queue.push(frame, kFrame, false); }
-    void finish(size_t i) { pairs[i]->queue.push(nullptr, 0, true); }
-    bool wait(size_t i, int64_t) {  // bounded by the step's alarm
-        Pair& p = *pairs[i];
-        p.up.join();
-        p.down.join();
+    // send_data copies the bytes, so one buffer serves every frame.
+    void send(size_t i, const unsigned char* frame, size_t len, bool last) {
+        if (layer) {
+            std::copy(frame, frame + len, buffer.getPTR());
+            pairs[i].up_task->send_data(buffer, static_cast<long>(len), last);
+        } else {
+            pairs[i].queue.push(frame, len, last);
+        }
+    }
+    bool wait(size_t i, int64_t deadline) {  // raw: bounded by the step's alarm
+        Pair& p = pairs[i];
+        const int left = static_cast<int>((deadline - now_ns()) / 1000000);
+        if (layer) {
+            return p.up->wait_ok(left) && p.down->wait_ok(left);
+        }
+        p.up_thread.join();
+        p.down_thread.join();
         return p.up_status == 200 && p.down_status == 200;
     }
-    Sink& sink(size_t i) { return pairs[i]->sink; }
 };
 
 double client_cpu(LoopbackServer& server) {
@@ -148,7 +136,6 @@ double client_cpu(LoopbackServer& server) {
 
 // Connects `n` pairs and waits for the server to see them all; false with `why` filled when
 // they did not all come up.
-template <typename Fleet>
 bool bring_up(Fleet& fleet, LoopbackServer& server, int n, char (&why)[200]) {
     for (int i = 0; i < n; ++i) {
         if (!fleet.open(server)) {
@@ -164,9 +151,9 @@ bool bring_up(Fleet& fleet, LoopbackServer& server, int n, char (&why)[200]) {
     }
     if (ups < n || downs < n) {
         snprintf(why, sizeof why,
-                 "only %d of %d uploads and %d of %d downloads came up (%d threads in the "
-                 "process)",
-                 ups, n, downs, n, thread_count());
+                 "only %d of %d uploads and %d of %d downloads came up (%d threads and %d open "
+                 "files in the process)",
+                 ups, n, downs, n, thread_count(), open_files());
         return false;
     }
     return true;
@@ -174,7 +161,6 @@ bool bring_up(Fleet& fleet, LoopbackServer& server, int n, char (&why)[200]) {
 
 // Sends every pair a frame every 40 ms for `seconds`, the pairs spread over the period; each
 // frame starts with its scheduled time. Returns the number of frames.
-template <typename Fleet>
 long produce(Fleet& fleet, size_t n, int64_t start, double seconds) {
     unsigned char frame[kFrame];
     memset(frame, 'f', sizeof frame);
@@ -189,13 +175,12 @@ long produce(Fleet& fleet, size_t n, int64_t start, double seconds) {
             sleep_until_ns(at);
         }
         memcpy(frame, &at, sizeof at);
-        fleet.send(static_cast<size_t>(e) % n, frame);
+        fleet.send(static_cast<size_t>(e) % n, frame, kFrame, false);
     }
 }
 
 // Streams on every pair for `seconds`, then ends every transfer cleanly (the last upload chunk,
 // the last download chunk) and fills the streaming figures of `s`.
-template <typename Fleet>
 void stream(Fleet& fleet, LoopbackServer& server, double seconds, Step& s) {
     const int64_t start = now_ns() + 5000000;
     server.go(start, kPiecePeriod);
@@ -208,13 +193,13 @@ void stream(Fleet& fleet, LoopbackServer& server, double seconds, Step& s) {
     sleep_ms(kLateMs + 100);  // frames in flight get their allowance
     LoopbackServer::Figures figures = server.stop();
     for (size_t i = 0; i < fleet.pairs.size(); ++i) {
-        fleet.finish(i);
+        fleet.send(i, nullptr, 0, true);
     }
     const int64_t deadline = now_ns() + 15000000000LL;
     std::vector<double> pieces;
     for (size_t i = 0; i < fleet.pairs.size(); ++i) {
         s.finals_bad += fleet.wait(i, deadline) ? 0 : 1;
-        for (float d : fleet.sink(i).delay_ms) {
+        for (float d : fleet.pairs[i].down->sink.delay_ms) {
             pieces.push_back(d);
             s.pieces_late += d > kLateMs;
         }
@@ -231,18 +216,18 @@ void stream(Fleet& fleet, LoopbackServer& server, double seconds, Step& s) {
 
 // The fleets are never freed: the process ends with _exit, and after a failed step threads may
 // still run transfers (or start queued ones) that use their pairs.
-template <typename Fleet>
-void measure(LoopbackServer& server, int n, double seconds, double idle, Step& s) {
+void measure(bool layer, LoopbackServer& server, int n, double seconds, double idle, Step& s) {
     Step warm;  // pool, timer thread, allocator and libcurl first-use costs go into the baseline
-    Fleet* few = new Fleet;
+    Fleet* few = new Fleet(layer);
     if (bring_up(*few, server, 4, warm.fail)) {
         stream(*few, server, 0.1, warm);
     }
     sleep_ms(200);
     const long rss0 = rss_kib();
-    Fleet& fleet = *new Fleet;
+    Fleet& fleet = *new Fleet(layer);
     const bool up = bring_up(fleet, server, n, s.fail);
     s.threads = thread_count();
+    s.files = open_files();
     if (!up) {
         return;
     }
@@ -260,16 +245,16 @@ int run_step(bool layer, int n, double seconds, double idle) {
     alarm(static_cast<unsigned>(60 + seconds + idle + n / 50));
     Step s;
     s.pairs = n;
-    const rlim_t files = raise_nofile();
-    // Each pair holds two client sockets and, in this process, the server's two.
-    if (static_cast<rlim_t>(4 * n + 64) > files) {
-        snprintf(s.fail, sizeof s.fail, "%d pairs need %d descriptors; the open-file limit is %lu",
-                 n, 4 * n + 64, static_cast<unsigned long>(files));
+    // Each transfer holds its socket and libcurl's wake-up socket pair, and the server, in this
+    // process, its end of the connection: eight descriptors a pair.
+    const rlim_t need = 8 * static_cast<rlim_t>(n) + 64, limit = raise_nofile(need);
+    if (need > limit) {
+        snprintf(s.fail, sizeof s.fail, "%d pairs need %lu descriptors; the open-file limit is %lu",
+                 n, static_cast<unsigned long>(need), static_cast<unsigned long>(limit));
     } else {
         start(1, nullptr, true);
         LoopbackServer server;
-        layer ? measure<LayerFleet>(server, n, seconds, idle, s)
-              : measure<RawFleet>(server, n, seconds, idle, s);
+        measure(layer, server, n, seconds, idle, s);
     }
     fwrite(&s, sizeof s, 1, stdout);
     fflush(stdout);
@@ -288,28 +273,23 @@ Step spawn(bool layer, int n, double seconds, double idle) {
         "r");
     Step s;
     s.pairs = n;
-    if (!child || fread(&s, sizeof s, 1, child) != 1) {
-        snprintf(s.fail, sizeof s.fail, "the step process ended without its figures (time bound?)");
-    }
-    if (child) {
-        pclose(child);
+    const bool read = child && fread(&s, sizeof s, 1, child) == 1;
+    const int status = child ? pclose(child) : -1;
+    if (!read) {  // SIGALRM (14) is the step's time bound
+        snprintf(s.fail, sizeof s.fail, "the step process ended without its figures (%s %d)",
+                 WIFSIGNALED(status) ? "signal" : "status",
+                 WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
     }
     const std::string why = s.why();
     printf(
         "  %-5s %4d pairs: client CPU %5.1f%% of a core (server %.1f%%), idle %.2f%%, "
-        "%.0f KiB per pair, %ld threads, p99 piece %.2f ms frame %.2f ms, others %.0f%%: %s\n",
-        layer ? "layer" : "raw", n, s.cpu, s.server_cpu, s.idle_cpu, s.kib, s.threads, s.piece_p99,
-        s.frame_p99, s.others, why.empty() ? "carried" : ("NOT carried: " + why).c_str());
+        "%.0f KiB per pair, %ld threads, %ld files, p99 piece %.2f ms frame %.2f ms, others "
+        "%.0f%%: %s\n",
+        layer ? "layer" : "raw", n, s.cpu, s.server_cpu, s.idle_cpu, s.kib, s.threads, s.files,
+        s.piece_p99, s.frame_p99, s.others,
+        why.empty() ? "carried" : ("NOT carried: " + why).c_str());
     fflush(stdout);
     return s;
-}
-
-double median_of(const std::vector<Step>& steps, double Step::*field) {
-    std::vector<double> v;
-    for (const Step& s : steps) {
-        v.push_back(s.*field);
-    }
-    return quantile(v, 0.5);
 }
 
 }  // namespace
@@ -326,7 +306,7 @@ int main(int argc, char** argv) {
     const double scan_seconds = arg("scan-seconds", 5, 1);
     const int max_pairs = static_cast<int>(arg("max-pairs", 4096, 128));
 
-    printf("real time: %d pairs, %d rounds of %.0f s per side\n", pairs, rounds, seconds);
+    printf("real time: %d pairs, %d rounds of %g s per side\n", pairs, rounds, seconds);
     std::vector<Step> sides[2];  // [0] layer, [1] raw
     alternate(rounds, [&](bool layer) {
         sides[layer ? 0 : 1].push_back(spawn(layer, pairs, seconds, idle));
@@ -342,21 +322,27 @@ int main(int argc, char** argv) {
     }
     const double load = quantile(others, 0.5);
     const std::string n = fmt(" pairs=%d", pairs);
-    auto both = [&](const char* name, double Step::*field, const char* unit) {
-        const double l = median_of(sides[0], field), r = median_of(sides[1], field);
+    auto both = [&](const char* name, double Step::*field, const char* unit) {  // medians
+        std::vector<double> v[2];
+        for (int k = 0; k < 2; ++k) {
+            for (const Step& s : sides[k]) {
+                v[k].push_back(s.*field);
+            }
+        }
+        const double l = quantile(v[0], 0.5), r = quantile(v[1], 0.5);
         result(name, l, r, unit, n + fmt(" diff=%.3f", l - r), load);
     };
     both("scale_rt_client_cpu", &Step::cpu, "%core");
     result("scale_rt_late", static_cast<double>(late[0]), static_cast<double>(late[1]), "count",
            n + fmt(" late_ms=%.0f", kLateMs), load);
     result("scale_rt_missing", static_cast<double>(missing[0]), static_cast<double>(missing[1]),
-           "count", n, load);
+           "count", n + " of=frames+pieces+finals", load);
     both("scale_rt_piece_p99", &Step::piece_p99, "ms");
     both("scale_rt_frame_p99", &Step::frame_p99, "ms");
     both("scale_idle_client_cpu", &Step::idle_cpu, "%core");
     both("scale_memory_per_pair", &Step::kib, "KiB");
 
-    printf("capacity: doubling from 64 to %d pairs, %.0f s each\n", max_pairs, scan_seconds);
+    printf("capacity: doubling from 64 to %d pairs, %g s each\n", max_pairs, scan_seconds);
     int carried[2] = {0, 0}, stop[2] = {0, 0};
     std::string why[2];
     double kib[2] = {0, 0};
@@ -373,7 +359,7 @@ int main(int argc, char** argv) {
                 (why[k].empty() ? carried[k] : stop[k]) = n;
             }
         }
-        if (step[0].connected() && step[1].connected()) {
+        if (step[0].kib > 0 && step[1].kib > 0) {  // both connected
             kib[0] = step[0].kib;
             kib[1] = step[1].kib;
             kib_pairs = n;

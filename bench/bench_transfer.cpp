@@ -147,27 +147,51 @@ int main(int argc, char** argv) {
     result("oneshot_get_rate", quantile(rate[0], 0.5), quantile(rate[1], 0.5), "req/s",
            fmt(" rounds=%d requests=%d", rounds, requests));
 
-    // Download throughput, then piece latency.
-    std::vector<double> mbps[2];
-    double cpu[2] = {0, 0};
-    auto fast_download = [&](bool layer, uint64_t size) {
+    // Download and upload throughput: `transfer(layer, size)` moves `size` bytes.
+    const double gib = static_cast<double>(bytes) * rounds / (1 << 30);
+    auto throughput = [&](const std::string& name, const std::string& extra, auto&& transfer) {
+        std::vector<double> mbps[2];
+        double cpu[2] = {0, 0};
+        auto round = [&](bool layer, uint64_t size) {
+            const double cpu0 = client_cpu();
+            const int64_t start = now_ns();
+            transfer(layer, size);
+            mbps[layer ? 0 : 1].push_back(static_cast<double>(size) / (now_ns() - start) * 1e3);
+            cpu[layer ? 0 : 1] += client_cpu() - cpu0;
+        };
+        alternate(1, [&](bool layer) { round(layer, 8 << 20); });  // pool, first-use costs
+        mbps[0].clear(), mbps[1].clear(), cpu[0] = cpu[1] = 0;
+        begin_phase();
+        alternate(rounds, [&](bool layer) { round(layer, bytes); });
+        result((name + "_throughput").c_str(), quantile(mbps[0], 0.5), quantile(mbps[1], 0.5),
+               "MB/s", info + extra);
+        result((name + "_client_cpu_per_gib").c_str(), cpu[0] / gib * 1e3, cpu[1] / gib * 1e3, "ms",
+               info + extra);
+    };
+    throughput("download", "", [&](bool layer, uint64_t size) {
         Sink sink;
-        const double cpu0 = client_cpu();
-        const int64_t start = now_ns();
         download(layer, server.url("/bytes/" + std::to_string(size)), sink);
         if (sink.bytes != size) {
             fail(layer, "download short of bytes");
         }
-        mbps[layer ? 0 : 1].push_back(static_cast<double>(size) / (now_ns() - start) * 1e3);
-        cpu[layer ? 0 : 1] += client_cpu() - cpu0;
-    };
-    alternate(1, [&](bool layer) { fast_download(layer, 8 << 20); });  // pool, timer thread
-    mbps[0].clear(), mbps[1].clear(), cpu[0] = cpu[1] = 0;
-    begin_phase();
-    alternate(rounds, [&](bool layer) { fast_download(layer, bytes); });
-    const double gib = static_cast<double>(bytes) * rounds / (1 << 30);
-    result("download_throughput", quantile(mbps[0], 0.5), quantile(mbps[1], 0.5), "MB/s", info);
-    result("download_client_cpu_per_gib", cpu[0] / gib * 1e3, cpu[1] / gib * 1e3, "ms", info);
+    });
+    const std::string window_kib = fmt(" window_kib=%d", static_cast<int>(window >> 10));
+    throughput("upload", window_kib, [&](bool layer, uint64_t size) {
+        const uint64_t base = server.upload_bytes.load();
+        upload(layer, server.url("/up"), [&](auto&& push) {
+            for (uint64_t sent = 0; sent < size;) {
+                wait_bytes(server, base + (sent > window ? sent - window : 0), layer);
+                const size_t n = static_cast<size_t>(std::min<uint64_t>(kPiece, size - sent));
+                sent += n;
+                push(n, sent == size);
+            }
+        });
+        if (server.upload_bytes.load() - base != size) {
+            fail(layer, "the server did not get every upload byte");
+        }
+    });
+
+    // Download piece latency, upload first byte and idle latency.
     begin_phase();
     std::vector<double> us[2];
     alternate(2, [&](bool layer) {
@@ -180,35 +204,6 @@ int main(int argc, char** argv) {
     });
     result_tails("download_piece_latency", us, "us", fmt(" gap_us=%d", gap_us));
 
-    // Upload throughput, first byte, idle latency.
-    mbps[0].clear(), mbps[1].clear(), cpu[0] = cpu[1] = 0;
-    auto fast_upload = [&](bool layer, uint64_t size) {
-        const uint64_t base = server.upload_bytes.load();
-        const double cpu0 = client_cpu();
-        const int64_t start = now_ns();
-        upload(layer, server.url("/up"), [&](auto&& push) {
-            for (uint64_t sent = 0; sent < size;) {
-                wait_bytes(server, base + (sent > window ? sent - window : 0), layer);
-                const size_t n = static_cast<size_t>(std::min<uint64_t>(kPiece, size - sent));
-                sent += n;
-                push(n, sent == size);
-            }
-        });
-        if (server.upload_bytes.load() - base != size) {
-            fail(layer, "the server did not get every upload byte");
-        }
-        mbps[layer ? 0 : 1].push_back(static_cast<double>(size) / (now_ns() - start) * 1e3);
-        cpu[layer ? 0 : 1] += client_cpu() - cpu0;
-    };
-    alternate(1, [&](bool layer) { fast_upload(layer, 8 << 20); });
-    mbps[0].clear(), mbps[1].clear(), cpu[0] = cpu[1] = 0;
-    begin_phase();
-    alternate(rounds, [&](bool layer) { fast_upload(layer, bytes); });
-    const std::string window_kib = fmt(" window_kib=%d", static_cast<int>(window >> 10));
-    result("upload_throughput", quantile(mbps[0], 0.5), quantile(mbps[1], 0.5), "MB/s",
-           info + window_kib);
-    result("upload_client_cpu_per_gib", cpu[0] / gib * 1e3, cpu[1] / gib * 1e3, "ms",
-           info + window_kib);
     begin_phase();
     us[0].clear(), us[1].clear();
     alternate(20, [&](bool layer) {

@@ -1,6 +1,7 @@
 #include "bench/harness.h"
 
 #include <curl/curl.h>
+#include <dirent.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -13,7 +14,6 @@
 #include <fstream>
 #include <map>
 #include <sstream>
-#include <thread>
 
 #include "core/utility/kiv_log.h"
 
@@ -127,17 +127,29 @@ int thread_count() {
     return at == std::string::npos ? 0 : atoi(status.c_str() + at + 9);
 }
 
-unsigned cpu_count() {
-    return std::max(1u, std::thread::hardware_concurrency());
-}
-
-rlim_t raise_nofile() {
+rlim_t raise_nofile(rlim_t want) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t most = std::max(want, limit.rlim_max);
+    const rlimit raised{most, most};
+    if (setrlimit(RLIMIT_NOFILE, &raised) != 0) {  // a hard limit rises only with privilege
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
     getrlimit(RLIMIT_NOFILE, &limit);
     return limit.rlim_cur;
+}
+
+int open_files() {
+    DIR* dir = opendir("/proc/self/fd");
+    int entries = 0;
+    while (dir && readdir(dir)) {
+        ++entries;
+    }
+    if (dir) {
+        closedir(dir);
+    }
+    return entries - 3;  // ".", ".." and the directory's own descriptor
 }
 
 void begin_phase() {

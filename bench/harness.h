@@ -15,8 +15,10 @@
 #include <pthread.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kiv_bench {
@@ -40,9 +42,13 @@ double process_cpu_seconds();
 double thread_cpu_seconds(pthread_t thread);
 long rss_kib();
 int thread_count();
-unsigned cpu_count();
-// Raises the soft open-file limit as far as the hard limit allows; returns the new soft limit.
-rlim_t raise_nofile();
+int open_files();
+inline unsigned cpu_count() {
+    return std::max(1u, std::thread::hardware_concurrency());
+}
+// Raises the open-file limit to `want` (the hard limit too, where privileged), else as far as
+// the hard limit allows; returns the new soft limit.
+rlim_t raise_nofile(rlim_t want);
 
 // Runs `rounds` rounds of both sides, the first side alternating (layer-raw, raw-layer, ...),
 // so that a change in the machine's load hits both alike. side(true) runs the layer.

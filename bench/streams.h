@@ -40,7 +40,6 @@ struct Sink {
 // costs what a counting callback costs and the figures show the layer, not the caller.
 class LayerStream : public kiv::EventManagerDecChunk {
 public:
-    ~LayerStream() override {}
     // Starts a transfer (CHUNK_UP or CHUNK_DOWN) with `self` as the caller object.
     static kiv_shared_ptr<kiv_http_request_maker> start(const std::string& url, bool upload,
                                                         kiv_shared_ptr<LayerStream>& self);
