@@ -62,10 +62,12 @@ void handoff(int handoffs) {
     auto mark = [&] { started = now_ns(), done.fetch_add(1); };
     std::mutex mutex;  // the baseline: one thread sleeping on a condition until a slot is filled
     std::condition_variable cv;
-    bool work = false, stop = false, asleep = false;
-    std::thread plain([&] {
+    bool work = false, asleep = false;
+    std::thread plain([&, total = 200 + handoffs / 20 * 20] {
         std::unique_lock<std::mutex> lock(mutex);
-        for (asleep = true; cv.wait(lock, [&] { return work || stop; }), !stop; asleep = true) {
+        for (int k = 0; k < total; ++k) {
+            asleep = true;
+            cv.wait(lock, [&] { return work; });
             asleep = work = false;
             lock.unlock();
             mark();
@@ -103,11 +105,6 @@ void handoff(int handoffs) {
     begin_phase();
     alternate(20, [&](bool layer) { block(layer, handoffs / 20); });
     result_tails("handoff", us, "us", " baseline=std::thread+condition_variable");
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        stop = true;
-    }
-    cv.notify_one();
     plain.join();
 }
 

@@ -33,7 +33,7 @@ namespace {
 using namespace kiv_bench;
 
 const size_t kPiece = 64 * 1024;
-kiv_shared_ptr<unsigned char> g_buffer;  // the upload pattern
+kiv_shared_ptr<unsigned char> g_buffer;  // what the uploads send (zeros)
 
 void fail(bool layer, const char* what) {
     fprintf(stderr, "%s: %s\n", layer ? "layer" : "raw libcurl", what);
@@ -61,14 +61,19 @@ void download(bool layer, const std::string& url, Sink& sink) {
             fail(layer, "download without a clean end");
         }
         sink = self->sink;
-    } else if (raw_download(url, &sink) != 200) {
+        return;
+    }
+    long status = 0;  // on a thread of its own, as the layer's transfer runs on a worker
+    std::thread([&] { status = raw_download(url, &sink); }).join();
+    if (status != 200) {
         fail(layer, "download without a clean end");
     }
 }
 
-// One upload; `feed(push)` queues the first `len` bytes of the pattern through push(len, last),
-// on a producer thread, or with `prefill` on this thread as the transfer starts (the raw side
-// then has its bytes queued before it performs, so that it pays no thread start).
+// One upload; `feed(push)` queues the first `len` bytes of g_buffer through push(len, last),
+// on a producer thread while the raw side performs on a thread of its own (the layer's on a
+// worker), or with `prefill` on this thread as the transfer starts (the raw side then performs on
+// this thread with its bytes queued, so that it pays no thread start).
 template <typename Feed>
 void upload(bool layer, const std::string& url, Feed&& feed, bool prefill = false) {
     kiv_shared_ptr<LayerStream> self(new LayerStream);
@@ -88,7 +93,14 @@ void upload(bool layer, const std::string& url, Feed&& feed, bool prefill = fals
     } else {
         producer = std::thread([&] { feed(push); });
     }
-    const bool ok = layer ? self->wait_ok(60000) : raw_upload(url, &queue) == 200;
+    long status = 0;
+    auto perform = [&] { status = raw_upload(url, &queue); };
+    if (!layer && prefill) {
+        perform();
+    } else if (!layer) {
+        std::thread(perform).join();
+    }
+    const bool ok = layer ? self->wait_ok(60000) : status == 200;
     if (producer.joinable()) {
         producer.join();
     }
@@ -119,9 +131,6 @@ int main(int argc, char** argv) {
     const int samples = static_cast<int>(arg("samples", 200, 50));
     const uint64_t window = static_cast<uint64_t>(arg("window-kib", 1024, 1024)) << 10;
     g_buffer = kiv::Memory::make_shared_array<unsigned char>(kPiece);
-    for (size_t i = 0; i < kPiece; ++i) {
-        g_buffer.getPTR()[i] = static_cast<unsigned char>(i * 131);
-    }
     LoopbackServer server;
     const std::string info = fmt(" rounds=%d mib=%d", rounds, static_cast<int>(bytes >> 20));
     auto client_cpu = [&] { return process_cpu_seconds() - server.cpu_seconds(); };
