@@ -153,7 +153,6 @@ int open_files() {
 }
 
 void begin_phase() {
-    // /proc/stat counts clock ticks: a window under a second is too coarse, so it keeps growing.
     if (g_wall0 != 0 && now_ns() - g_wall0 < 1000000000) {
         return;
     }

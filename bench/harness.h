@@ -62,6 +62,7 @@ void alternate(int rounds, Side&& side) {
 
 // Share of all cores (percent) that other processes used since the last begin_phase() (or
 // start()): busy time from /proc/stat minus this process's and its reaped children's CPU time.
+// /proc/stat counts clock ticks, so begin_phase() keeps a window younger than a second open.
 void begin_phase();
 double others_pct();
 
