@@ -118,6 +118,8 @@ int raw_progress(void* cancelled, double, double, double, double) {
 
 long perform(CURL* curl, const std::string& url, curl_slist* headers, bool post = true) {
     std::atomic<bool> cancelled{false};
+    char error[CURL_ERROR_SIZE];
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_POST, post ? 1L : 0L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
