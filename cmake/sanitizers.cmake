@@ -6,7 +6,18 @@ if(KIV_HTTP_WERROR)
     target_compile_options(kiv_http_build_flags INTERFACE -Werror)
 endif()
 
-if(KIV_HTTP_SANITIZE STREQUAL "address")
+if(KIV_HTTP_BUILD_FUZZERS)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "KIV_HTTP_BUILD_FUZZERS needs clang (CC=clang CXX=clang++)")
+    endif()
+    if(NOT KIV_HTTP_SANITIZE STREQUAL "")
+        message(FATAL_ERROR "KIV_HTTP_BUILD_FUZZERS brings its own sanitizers: leave "
+                            "KIV_HTTP_SANITIZE empty")
+    endif()
+    # Coverage instrumentation without libFuzzer's main: the fuzz targets link that themselves.
+    set(kiv_sanitize_flags -fsanitize=fuzzer-no-link,address,undefined
+        -fno-sanitize-recover=all -fno-omit-frame-pointer)
+elseif(KIV_HTTP_SANITIZE STREQUAL "address")
     set(kiv_sanitize_flags -fsanitize=address,undefined -fno-sanitize-recover=all
         -fno-omit-frame-pointer)
 elseif(KIV_HTTP_SANITIZE STREQUAL "thread")

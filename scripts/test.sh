@@ -31,3 +31,6 @@ run_suite build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_HTTP_SANITIZE=addre
 echo "== ThreadSanitizer build"
 CTEST_ARGS="-LE demo" run_suite build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKIV_HTTP_SANITIZE=thread -DKIV_HTTP_BUILD_BENCH=OFF -DKIV_HTTP_BUILD_TOOLS=OFF
+
+echo "== fuzzers, 20 s each"
+bash scripts/fuzz.sh 20

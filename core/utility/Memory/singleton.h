@@ -30,9 +30,12 @@ namespace Memory {
 //
 // Process exit. The statics are never destroyed: threads that outlive static destruction (pool
 // workers inside a transfer, which may start another transfer from a callback) can still call
-// instance() safely. The instance itself is released at exit by a handler that instance()
-// registers with atexit() when it creates the first one; from then on instance() returns an
-// empty reference (the process is going; nothing new is created), which callers must check.
+// instance() safely. The instance itself is released during static destruction by an exit guard
+// that is built during static initialisation, so it runs after the exit handlers that libraries
+// register later (OpenSSL's clean-up among them): threads that the instance's destructor lets end
+// then no longer run those libraries' per-thread clean-up against their freed state. From then
+// on instance() returns an empty reference (the process is going; nothing new is created),
+// which callers must check.
 //
 // fork(). A child process inherits the lock in whatever state another thread left it; the
 // fork handlers hold it across fork() so the child gets it unlocked, with the instance intact.
@@ -48,6 +51,9 @@ private:
     friend struct SingletonTestAccess;
 
     static void releaseAtExit();
+    struct ExitGuard {
+        ~ExitGuard() { releaseAtExit(); }
+    };
     static void lockForFork() { mutex_->lock(); }
     static void unlockAfterFork() { mutex_->unlock(); }
     static void resetInForkChild() { mutex_.rebuild(true); }
@@ -58,6 +64,7 @@ private:
     // Set under mutex_ by releaseAtExit(); never cleared.
     static bool exiting_;
     static bool handlersRegistered_;
+    static ExitGuard exitGuard_;
 };
 
 template <typename T>
@@ -70,9 +77,12 @@ template <typename T>
 bool Singleton<T>::exiting_ = false;
 template <typename T>
 bool Singleton<T>::handlersRegistered_ = false;
+template <typename T>
+typename Singleton<T>::ExitGuard Singleton<T>::exitGuard_;
 
 template <typename T>
 kiv_shared_ptr<T> Singleton<T>::instance() {
+    (void)&exitGuard_;  // instantiated, so it is built at start-up and runs at exit
     Threads::Synchronization::AppLock lock(mutex_.get());
     if (exiting_) {
         return kiv_shared_ptr<T>();
@@ -97,7 +107,6 @@ kiv_shared_ptr<T> Singleton<T>::instance() {
         ref->initInstance();
         if (!handlersRegistered_) {
             handlersRegistered_ = true;
-            atexit(&Singleton<T>::releaseAtExit);
             // Registered after whatever initInstance() registered, so our prepare handler runs
             // first: this lock is taken before the instance's own (instance() holds it while
             // calling initInstance()).

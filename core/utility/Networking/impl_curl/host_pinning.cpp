@@ -49,6 +49,13 @@ bool split_url(const std::string& url, UrlParts* parts) {
     } else {
         portColon = authority.find(':');
         result.host = authority.substr(0, portColon);
+        // A host name or an IPv4 address: nothing else may reach a resolve entry.
+        for (char c : result.host) {
+            const unsigned char u = static_cast<unsigned char>(c);
+            if (!isalnum(u) && c != '-' && c != '.' && c != '_' && c != '~') {
+                return false;
+            }
+        }
     }
     if (result.host.empty() || result.host == "[]") {
         return false;

@@ -17,7 +17,8 @@ struct UrlParts {
 };
 
 // Splits `url`; false for anything that is not such a URL: no "://", an empty scheme or host,
-// an unclosed IPv6 bracket, a port that is not 1 to 65535 in digits.
+// a host with characters other than letters, digits and "-._~" (outside IPv6 brackets), an
+// unclosed IPv6 bracket, a port that is not 1 to 65535 in digits.
 bool split_url(const std::string& url, UrlParts* parts);
 
 // True for a numeric IPv4 address or a bracketed IPv6 address.
