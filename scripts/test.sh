@@ -24,6 +24,9 @@ run_suite() {
 echo "== optimised build"
 run_suite build/release -DCMAKE_BUILD_TYPE=Release -DKIV_HTTP_CONSUMER_TESTS=ON
 
+echo "== benchmarks, quick form (a smoke test: they run and print their figures)"
+BENCH_BUILD_DIR=build/release bash scripts/bench.sh --quick
+
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 run_suite build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_HTTP_SANITIZE=address \
     -DKIV_HTTP_BUILD_BENCH=OFF
