@@ -138,11 +138,10 @@ std::unique_ptr<Decoder> Decoder::create(const DecoderFiles& files, std::string*
     // synthesized commands, whose words are at most 50 ms apart, this still splits commands
     // half a second apart without error, where shorter windows start adding words at the
     // edges of an utterance.
-    cmd_ln_t* config =
-        cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", files.acoustic_model().c_str(), "-dict",
-                    files.dictionary_path().c_str(), "-jsgf", files.grammar_path().c_str(),
-                    "-featparams", files.feat_params_path().c_str(), "-vad_postspeech", "40",
-                    nullptr);
+    cmd_ln_t* config = cmd_ln_init(
+        nullptr, ps_args(), TRUE, "-hmm", files.acoustic_model().c_str(), "-dict",
+        files.dictionary_path().c_str(), "-jsgf", files.grammar_path().c_str(), "-featparams",
+        files.feat_params_path().c_str(), "-vad_postspeech", "40", nullptr);
     if (!config) {
         set_error(error, "invalid decoder configuration");
         return nullptr;
