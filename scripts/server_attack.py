@@ -332,7 +332,7 @@ def main():
     s.add_argument("--after", type=float, default=60.0, help="seconds sampled after that")
     c = sub.add_parser("commands")
     c.add_argument("--count", type=int, default=32)
-    c.add_argument("--gap", type=float, default=0.25,
+    c.add_argument("--gap", type=float, default=0.5,
                    help="silence added after each command (espeak-ng leaves 0.3 s of its own)")
     args = p.parse_args()
     {"drip": drip, "stall": stall, "commands": commands}[args.what](args)

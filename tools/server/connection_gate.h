@@ -20,7 +20,7 @@ struct GateOptions {
     size_t max_per_address = 64;
     // Connections waiting for their head, all addresses together.
     size_t max_pending = 256;
-    // Connections handed over and not yet closed; at the limit newcomers are answered 503.
+    // Connections handed over and not yet closed; at the limit newcomers are refused.
     size_t max_handed = 528;
     // Largest request head accepted.
     size_t head_limit = 8192;
@@ -31,7 +31,8 @@ struct GateOptions {
 
 struct GateStats {
     uint64_t accepted = 0;
-    uint64_t refused = 0;    // answered 503 at once: their address or the server was full
+    uint64_t refused = 0;    // their address or the server was full: answered 503 at once
+                             // (over TLS, where nothing readable can be said, just closed)
     uint64_t evicted = 0;    // waiting for their head, closed to make room for a newcomer
     uint64_t timed_out = 0;  // head not complete within head_timeout
     uint64_t malformed = 0;  // answered 4xx/5xx for a malformed head

@@ -134,14 +134,14 @@ std::unique_ptr<Decoder> Decoder::create(const DecoderFiles& files, std::string*
     std::unique_ptr<Decoder> decoder(new Decoder);
     decoder->impl_.reset(new Impl);
     std::lock_guard<std::mutex> lock(init_mutex());
-    // Speech ends after 0.4 s of silence (the library's default is 0.5 s): measured on
-    // synthesized commands, whose words are at most 50 ms apart, this still splits commands
-    // half a second apart without error, where shorter windows start adding words at the
-    // edges of an utterance.
-    cmd_ln_t* config = cmd_ln_init(
-        nullptr, ps_args(), TRUE, "-hmm", files.acoustic_model().c_str(), "-dict",
-        files.dictionary_path().c_str(), "-jsgf", files.grammar_path().c_str(), "-featparams",
-        files.feat_params_path().c_str(), "-vad_postspeech", "40", nullptr);
+    // The voice-activity detector's own end of speech, half a second of silence, is kept:
+    // shorter windows split commands spoken closer together but, measured on the synthesized
+    // ones, start adding words at the edges of an utterance, and end a single command inside
+    // its trailing silence (before its upload ends).
+    cmd_ln_t* config =
+        cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", files.acoustic_model().c_str(), "-dict",
+                    files.dictionary_path().c_str(), "-jsgf", files.grammar_path().c_str(),
+                    "-featparams", files.feat_params_path().c_str(), nullptr);
     if (!config) {
         set_error(error, "invalid decoder configuration");
         return nullptr;
