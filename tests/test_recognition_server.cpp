@@ -725,9 +725,8 @@ TEST_F(RecognitionServerLoadTest, DripAttackFromOneAddressLeavesRoomForEveryoneE
                                               std::chrono::steady_clock::now() - t0)
                                               .count());
     }
-    std::unique_ptr<RawConnection> slow = dial(port, attacker);
-    ASSERT_TRUE(slow && slow->write_bytewise(health));
-    EXPECT_EQ(answer_of(*slow).first, 200);
+    std::unique_ptr<RawConnection> slow = dial(port, attacker);  // no ASSERT: the dripper runs
+    EXPECT_EQ(slow && slow->write_bytewise(health) ? answer_of(*slow).first : 0, 200);
     EXPECT_EQ(run({"/v1/health"}).status, 200);
     const ServerStats during = server->stats();
     EXPECT_GE(during.connections_evicted + during.connections_refused, 600u - 64u);
