@@ -31,6 +31,8 @@ struct Delivery {
     HTTP_REQUEST_ERROR error = kiv::Networking::HTTP_REQUEST_OK;
     std::string message;
     std::string body;
+    int32_t curlCode = 0;
+    std::string curlError;
     std::thread::id thread;
 };
 
@@ -67,14 +69,18 @@ public:
         d.final = d.status != 0 || d.error != kiv::Networking::HTTP_REQUEST_OK;
         d.message = response->getErrorMessage();
         d.body.assign(response->get_response_data().getPTR(), response->get_response_len());
+        d.curlCode = response->get_curl_code();
+        d.curlError = response->get_curl_error();
         d.thread = std::this_thread::get_id();
         auto& shared = *self->shared_;
+        {
+            std::lock_guard<std::mutex> lock(shared.mutex);
+            shared.deliveries.push_back(d);
+            shared.changed.notify_all();
+        }
         if (shared.on_delivery) {
             shared.on_delivery(maker, d);
         }
-        std::lock_guard<std::mutex> lock(shared.mutex);
-        shared.deliveries.push_back(std::move(d));
-        shared.changed.notify_all();
     }
 
 private:

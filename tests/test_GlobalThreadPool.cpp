@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -133,11 +134,12 @@ TEST(GlobalThreadPool, RunTaskAsyncReturnsAtOnceAndTwoLongTasksRunTogether) {
 }
 
 TEST(GlobalThreadPool, BurstOnAnIdlePoolStartsEveryBlockedTaskThenExtraWorkersEnd) {
-    // 300 tasks that block until all have started, on four idle core workers: this holds only if
-    // no task waits for another, and if a worker that was woken but has not run yet no longer
-    // counts as idle for the next task.
-    constexpr int kTasks = 300;
-    auto pool = makePool(4, 1024, 200);
+    // More tasks than any fixed cap we ever had (1024), each blocking until all have started, on
+    // four idle core workers: this holds only if no task waits for another (one streaming
+    // transfer holds its worker for its whole length), and if a worker that was woken but has
+    // not run yet no longer counts as idle for the next task.
+    constexpr int kTasks = 1100;
+    auto pool = makePool(4, INT_MAX, 200);  // no cap, as the process-wide pool
     ASSERT_TRUE(eventually([&] { return pool->idleWorkerCount() == 4; }));
     Counter started, gate, finished;
     for (int i = 0; i < kTasks; ++i) {

@@ -252,8 +252,16 @@ TEST(ExecuteTest, BadInputAndFailedTransfersGiveOneErrorLine) {
             EXPECT_EQ(response->get_http_status(), 0);
             EXPECT_EQ(response->get_local_request_error(), HTTP_REQUEST_OK);
             EXPECT_EQ(response->get_response_len(), 0u);
+            // The failure says why, in libcurl's words.
+            const std::string code = c.second.substr(c.second.find("curl_code=") + 10);
+            EXPECT_EQ(response->get_curl_code(), std::stoi(code));
+            EXPECT_FALSE(response->get_curl_error().empty());
         }
     }
+    Response refused = kiv_http_request_maker::execute(
+        request_for("http://127.0.0.1:" + std::to_string(closed.port()) + "/"));
+    EXPECT_NE(refused->get_curl_error().find("onnect"), std::string::npos)
+        << refused->get_curl_error();
     EXPECT_TRUE(tls.requests().empty());
 }
 

@@ -36,21 +36,52 @@ TEST(HostPinningTest, HostIsTextBetweenFirstDoubleSlashAndNextSlash) {
     EXPECT_EQ(TaskTestAccess::host(""), "");
 }
 
-TEST(HostPinningTest, ResolveEntryAlwaysNamesPort443) {
-    EXPECT_EQ(TaskTestAccess::resolve("https://asr.example.com/v1", "https://10.1.2.3/v1"),
-              "asr.example.com:443:10.1.2.3");
-    EXPECT_EQ(TaskTestAccess::resolve("https://asr.example.com:8443/v1", "https://10.1.2.3/v1"),
-              "asr.example.com:8443:443:10.1.2.3");
-    EXPECT_EQ(TaskTestAccess::resolve("https://asr.example.com", "https://10.1.2.3/v1"), "");
-    EXPECT_EQ(TaskTestAccess::resolve("https://asr.example.com/v1", "https://10.1.2.3"), "");
-}
-
-TEST(HostPinningTest, HostUrlKeepsEverythingButTheHostOfTheIpUrl) {
-    EXPECT_EQ(TaskTestAccess::hostUrl("https://asr.example.com/v1", "https://10.1.2.3/v2?q=1"),
-              "https://asr.example.com/v2?q=1");
-    EXPECT_EQ(TaskTestAccess::hostUrl("https://asr.example.com", "https://10.1.2.3/v1"),
-              "https:///v1");
-    EXPECT_EQ(TaskTestAccess::hostUrl("https://asr.example.com/v1", "https://10.1.2.3"), "");
+// The resolve entry and the URL handed to libcurl for pairs of (host-name URL, address URL).
+// Without ports: "name:443:address" and the address URL with the name in its place. With a
+// port on either side, the entry and the URL carry the same port, so libcurl uses the entry.
+// What cannot be pinned gives empty strings (the start then fails with one error delivery).
+TEST(HostPinningTest, ResolveEntriesAndUrlsForEveryFormOfUrl) {
+    struct Case {
+        const char* origin;
+        const char* ip;
+        const char* resolve;
+        const char* url;
+    };
+    const Case cases[] = {
+        {"https://asr.example.com/v1", "https://10.1.2.3/v2?q=1", "asr.example.com:443:10.1.2.3",
+         "https://asr.example.com/v2?q=1"},
+        {"https://asr.example.com:8443/v1", "https://10.1.2.3:8443/v1",
+         "asr.example.com:8443:10.1.2.3", "https://asr.example.com:8443/v1"},
+        {"https://asr.example.com:8443/v1", "https://10.1.2.3/v1", "asr.example.com:8443:10.1.2.3",
+         "https://asr.example.com:8443/v1"},
+        {"https://asr.example.com/v1", "https://10.1.2.3:8443/v1", "asr.example.com:8443:10.1.2.3",
+         "https://asr.example.com:8443/v1"},
+        {"https://asr.example.com", "https://10.1.2.3", "asr.example.com:443:10.1.2.3",
+         "https://asr.example.com"},
+        {"https://asr.example.com/x", "https://10.1.2.3?q=/a", "asr.example.com:443:10.1.2.3",
+         "https://asr.example.com?q=/a"},
+        {"https://asr.example.com/x", "https://[::1]:8443/x", "asr.example.com:8443:[::1]",
+         "https://asr.example.com:8443/x"},
+        {"HTTPS://asr.example.com/x", "HTTPS://10.1.2.3/x", "asr.example.com:443:10.1.2.3",
+         "HTTPS://asr.example.com/x"},
+        // Refused: credentials, a name where the address belongs, an IPv6 "name", bad ports,
+        // broken brackets, no scheme.
+        {"https://u:p@asr.example.com/x", "https://10.1.2.3/x", "", ""},
+        {"https://asr.example.com/x", "https://u@10.1.2.3/x", "", ""},
+        {"https://asr.example.com/x", "https://backend.internal/x", "", ""},
+        {"https://[::1]/x", "https://10.1.2.3/x", "", ""},
+        {"https://asr.example.com:99999/x", "https://10.1.2.3/x", "", ""},
+        {"https://asr.example.com:/x", "https://10.1.2.3/x", "", ""},
+        {"https://asr.example.com/x", "https://[::1/x", "", ""},
+        {"https://asr.example.com/x", "https://10.1.2.3:84a3/x", "", ""},
+        {"asr.example.com/x", "https://10.1.2.3/x", "", ""},
+        {"https:///x", "https://10.1.2.3/x", "", ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.origin) + " + " + c.ip);
+        EXPECT_EQ(TaskTestAccess::resolve(c.origin, c.ip), c.resolve);
+        EXPECT_EQ(TaskTestAccess::hostUrl(c.origin, c.ip), c.url);
+    }
 }
 
 TEST(HostPinningTest, HttpsIsAPlainCaseSensitiveSubstring) {

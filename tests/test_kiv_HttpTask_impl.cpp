@@ -1,4 +1,8 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 
 #include <random>
 #include <string>
@@ -10,7 +14,10 @@
 #include "tests/support/http_server.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/raw_server.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/tls_cert.h"
+
+extern char** environ;
 
 using namespace kiv::test;
 using namespace kiv::Networking;
@@ -400,46 +407,6 @@ TEST(StreamingStartTest, NullUserParameterIsPassedThrough) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// HTTPS host pinning
-
-TEST(HostPinningEndToEndTest, ConnectsToIpWhileSpeakingToTheHostName) {
-    const std::string address = "127.0.0.2";
-    const std::string host = "asr.kiv-pinning.test";  // a name no resolver knows
-    if (!can_bind(address, 443)) {
-        GTEST_SKIP() << "cannot bind " << address << ":443 here (needs root or "
-                     << "CAP_NET_BIND_SERVICE); HTTPS pinning not exercised";
-    }
-    TlsCert cert = make_self_signed_cert(host, false);
-    HttpServerOptions options;
-    options.address = address;
-    options.port = 443;
-    options.tls = cert;
-    HttpServer server(options);
-    auto queue = std::make_shared<PieceQueue>();
-    serve_download(server, queue);
-    serve_upload(server);
-
-    Stream down;
-    down.start("https://" + address + "/down", HTTP_REQUEST_METHOD_CHUNK_DOWN,
-               "https://" + host + "/down");
-    Stream up;
-    up.start("https://" + address + "/up", HTTP_REQUEST_METHOD_CHUNK_UP, "https://" + host + "/up");
-    up.send("pinned audio", true);
-    queue->push("pinned result");
-    queue->close();
-    ASSERT_TRUE(down.wait_final());
-    ASSERT_TRUE(up.wait_final());
-    EXPECT_EQ(down.body(), "pinned result");
-    EXPECT_EQ(down.finals().at(0).error, HTTP_REQUEST_HTTPS_REQ_SUC);
-    EXPECT_EQ(up.finals().at(0).status, 200);
-    ASSERT_TRUE(server.wait_for_requests(2, seconds(5)));
-    for (const ReceivedRequest& seen : server.requests()) {
-        EXPECT_EQ(seen.sni, host);
-        EXPECT_EQ(seen.header("Host"), host);
-    }
-}
-
-// ---------------------------------------------------------------------------------------------
 // Many streams at once
 
 TEST(StreamingConcurrencyTest, ManyUploadsAndDownloadsEachEndOnceWithEveryByte) {
@@ -553,4 +520,387 @@ TEST(StreamingLogTest, DownloadWritesItsDebugLinesExactly) {
         f + "678][kiv_HttpTask_impl::cancel] -",
     };
     EXPECT_EQ(mine, expected);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Edges: cancel, refusal, start failure, misbehaving callers
+
+namespace {
+
+// Keeps the other cores busy while it lives, so that threads are preempted at arbitrary points.
+class BusyLoad {
+public:
+    explicit BusyLoad(int threads) {
+        for (int i = 0; i < threads; ++i) {
+            threads_.emplace_back([this] {
+                while (!stop_.load(std::memory_order_relaxed)) {
+                }
+            });
+        }
+    }
+    ~BusyLoad() {
+        stop_ = true;
+        for (auto& t : threads_) {
+            t.join();
+        }
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
+};
+
+// Spins (bounded) until `done` holds; for waits far shorter than a scheduler tick.
+template <typename Pred>
+bool spin_until(Pred done, milliseconds limit = seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+// A caller object that only counts, for stress loops: whether a delivery started after the test
+// saw cancel() return, and when the layer let go of it.
+class Probe : public kiv::EventManagerDecChunk {
+public:
+    std::atomic<bool> cancelReturned{false};
+    std::atomic<int> pieces{0};
+    std::atomic<int> late{0};
+    std::atomic<bool>* destroyed = nullptr;
+    ~Probe() override { destroyed->store(true); }
+
+    static void callback(kiv_shared_ptr<kiv_http_request_maker>&, kiv_shared_ptr<kiv_HttpResponse>&,
+                         kiv_shared_ptr_base* param) {
+        kiv_shared_ptr<Probe> self;
+        self.copyControlObject(param);
+        if (self->cancelReturned.load()) {
+            self->late.fetch_add(1);
+        }
+        self->pieces.fetch_add(1);
+    }
+};
+
+// Answers a download with an endless chunked body of one-byte chunks, each in its own write,
+// until the client goes (or a bound is reached).
+void drip_chunks(RawConnection& c) {
+    if (!c.read_head()) {
+        return;
+    }
+    if (!c.write_all("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n")) {
+        return;
+    }
+    for (int i = 0; i < 2000000 && c.write_all("1\r\nx\r\n"); ++i) {
+    }
+}
+
+// Reads an upload's head (answering 100 Continue), then the body until the client goes.
+// `first` is told when the first `firstBytes` body bytes have arrived.
+RawServer::Handler record_upload(std::function<void()> first, size_t firstBytes) {
+    return [first = std::move(first), firstBytes](RawConnection& c) {
+        auto head = c.read_head();
+        if (!head) {
+            return;
+        }
+        if (find_header(*head, "Expect")) {
+            c.write_all("HTTP/1.1 100 Continue\r\n\r\n");
+        }
+        if (c.read_exact(firstBytes)) {
+            first();
+        }
+        c.wait_for_close(milliseconds(20000));
+    };
+}
+
+}  // namespace
+
+TEST(StreamingEdgeTest, CancelledUploadNeverSendsTheTerminatingChunk) {
+    // Returning 0 from the reader after cancel() would let libcurl finish the chunked body: the
+    // server would then hold a complete request with a partial utterance. Cancel both while the
+    // reader waits and while bytes are still flowing.
+    constexpr int kTrials = 200;
+    std::atomic<int> firstSeen{0};
+    RawServer server(record_upload([&] { firstSeen.fetch_add(1); }, 10));  // "5\r\nfirst\r\n"
+    std::mt19937 rng(7);
+    for (int trial = 0; trial < kTrials; ++trial) {
+        Stream stream;
+        stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
+        stream.send("first", false);
+        ASSERT_TRUE(spin_until([&] { return firstSeen.load() > trial; })) << "trial " << trial;
+        if (trial % 2) {
+            stream.send(pattern(rng() % 100000, trial), false);  // still being read
+        }
+        stream.task()->cancel();
+        stream.release();
+        ASSERT_TRUE(stream.wait_finished()) << "trial " << trial;
+        EXPECT_TRUE(stream.deliveries().empty()) << "trial " << trial;
+    }
+    ASSERT_TRUE(server.wait_for_finished(kTrials, milliseconds(20000)));
+    int completed = 0;
+    for (const std::string& bytes : server.received()) {
+        completed += bytes.find("\r\n0\r\n\r\n") != std::string::npos;
+    }
+    EXPECT_EQ(completed, 0) << "cancelled uploads that reached the server as complete requests";
+}
+
+TEST(StreamingEdgeTest, NoDeliveryStartsAfterCancelReturns) {
+    // One-byte pieces at full speed, cancelled at a random point from this thread while two
+    // threads keep the cores busy; the callback checks, first thing, whether cancel() has
+    // already returned.
+    constexpr int kTrials = 2000;
+    RawServer server(drip_chunks);
+    BusyLoad load(1);
+    std::mt19937 rng(11);
+    int late = 0;
+    long pieces = 0;
+    for (int trial = 0; trial < kTrials; ++trial) {
+        std::atomic<bool> destroyed{false};
+        Probe* probe = new Probe;
+        probe->destroyed = &destroyed;
+        kiv_shared_ptr<Probe> param(probe);
+        auto task = kiv_http_request_maker::get_instance();
+        auto request = kiv_HttpRequest::requestWithUrl(server.url("/down"));
+        request->_METHOD = HTTP_REQUEST_METHOD_CHUNK_DOWN;
+        task->start_request(request, &Probe::callback, &param);
+        ASSERT_TRUE(spin_until([&] { return probe->pieces.load() > 0; })) << "trial " << trial;
+        for (volatile unsigned spin = rng() % 20000; spin > 0; spin = spin - 1) {
+        }
+        task->cancel();
+        probe->cancelReturned = true;
+        late += probe->late.load();
+        pieces += probe->pieces.load();
+        task = static_cast<kiv_http_request_maker*>(nullptr);
+        param = static_cast<Probe*>(nullptr);
+        ASSERT_TRUE(spin_until([&] { return destroyed.load(); })) << "trial " << trial;
+    }
+    EXPECT_EQ(late, 0) << "deliveries started after cancel() returned, over " << pieces
+                       << " pieces";
+}
+
+TEST(StreamingEdgeTest, RefusedPieceEndsTheUploadWithOneErrorAndTheEndMarkIsFinal) {
+    // A piece over the queue limit: one error delivery, an error line, and the body abandoned.
+    {
+        std::atomic<int> firstSeen{0};
+        RawServer server(record_upload([&] { firstSeen.fetch_add(1); }, 10));
+        Stream stream;
+        auto request = kiv_HttpRequest::requestWithUrl(server.url("/up"));
+        request->_METHOD = HTTP_REQUEST_METHOD_CHUNK_UP;
+        request->_UPLOAD_QUEUE_LIMIT = 4096;
+        kiv_shared_ptr<Recorder> param(new Recorder(stream.shared()));
+        stream.task()->start_request(request, &Recorder::callback, &param);
+        stream.send("first", false);
+        ASSERT_TRUE(spin_until([&] { return firstSeen.load() > 0; }));
+        LogCapture log(2);
+        stream.send(pattern(5000, 3), false);
+        stream.send("after the refusal", true);
+        ASSERT_TRUE(stream.wait_final());
+        std::vector<std::string> lines = log.finish();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_NE(lines[0].find("queue refused 5000 bytes"), std::string::npos) << lines[0];
+        param = static_cast<Recorder*>(nullptr);
+        stream.release();
+        ASSERT_TRUE(stream.wait_finished());
+        std::vector<Delivery> all = stream.deliveries();
+        ASSERT_EQ(all.size(), 1u);
+        EXPECT_EQ(all[0].error, HTTP_REQUEST_CHUNK_REQ_ERROR);
+        EXPECT_EQ(all[0].message, "[kiv_Chunk_Connection]downStream encouter error.");
+        ASSERT_TRUE(server.wait_for_finished(1, milliseconds(20000)));
+        EXPECT_EQ(server.received().at(0).find("\r\n0\r\n\r\n"), std::string::npos);
+    }
+    // Pieces after the last one are refused and do not reopen the body.
+    HttpServer server;
+    serve_upload(server);
+    Stream stream;
+    stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
+    stream.send("whole", true);
+    {
+        LogCapture log(2);
+        stream.send("too late", false);
+        std::vector<std::string> lines = log.finish();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_NE(lines[0].find("after the last piece"), std::string::npos);
+    }
+    ASSERT_TRUE(stream.wait_final());
+    EXPECT_EQ(stream.finals().at(0).status, 200);
+    EXPECT_EQ(stream.finals().at(0).body, "ok") << "the upload's final delivery carries the reply";
+    EXPECT_EQ(server.requests().at(0).body, "whole");
+    EXPECT_EQ(stream.task()->bytes_sent(), 5);
+}
+
+TEST(StreamingEdgeTest, CallerMayDropItsReferenceVariableRightAfterTheStart) {
+    // The caller's own kiv_shared_ptr variable goes right after start_request; deliveries must
+    // not read it (ASan sees it if they do). The object itself lives until the work is over.
+    HttpServer server;
+    auto queue = std::make_shared<PieceQueue>();
+    serve_download(server, queue);
+    auto shared = std::make_shared<Recorder::Shared>();
+    auto task = kiv_http_request_maker::get_instance();
+    auto request = kiv_HttpRequest::requestWithUrl(server.url("/down"));
+    request->_METHOD = HTTP_REQUEST_METHOD_CHUNK_DOWN;
+    auto* variable = new kiv_shared_ptr<Recorder>(new Recorder(shared));
+    task->start_request(request, &Recorder::callback, variable);
+    delete variable;
+    queue->push("piece");
+    queue->close();
+    std::unique_lock<std::mutex> lock(shared->mutex);
+    ASSERT_TRUE(shared->changed.wait_for(lock, seconds(20), [&] { return shared->destroyed; }));
+    ASSERT_EQ(shared->deliveries.size(), 2u);
+    EXPECT_EQ(shared->deliveries[0].body, "piece");
+    EXPECT_EQ(shared->deliveries[1].error, HTTP_REQUEST_HTTPS_REQ_SUC);
+}
+
+TEST(StreamingEdgeTest, FailuresCarryLibcurlsReasonAndThrowingCallbacksEndTheTransfer) {
+    ClosedPort closed;
+    Stream refused;
+    refused.start("http://127.0.0.1:" + std::to_string(closed.port()) + "/up",
+                  HTTP_REQUEST_METHOD_CHUNK_UP);
+    ASSERT_TRUE(refused.wait_final());
+
+    // A callback that throws on the first piece: caught at the libcurl boundary, and the
+    // transfer ends with the error delivery.
+    HttpServer server;
+    auto queue = std::make_shared<PieceQueue>();
+    serve_download(server, queue);
+    Stream throwing;
+    throwing.shared()->on_delivery = [](kiv_shared_ptr<kiv_http_request_maker>&,
+                                        const Delivery& d) {
+        if (!d.final) {
+            throw std::runtime_error("caller bug");
+        }
+    };
+    throwing.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    queue->push("boom");
+    {
+        LogCapture log(2);
+        ASSERT_TRUE(throwing.wait_final());
+        std::vector<std::string> lines = log.finish();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_NE(lines[0].find("callback threw: caller bug"), std::string::npos) << lines[0];
+    }
+    queue->close();
+
+    struct Case {
+        Stream* stream;
+        int32_t curlCode;
+        const char* text;
+    };
+    for (const Case& c : {Case{&refused, 7, "onnect"}, Case{&throwing, 23, "writ"}}) {
+        std::vector<Delivery> finals = c.stream->finals();
+        ASSERT_EQ(finals.size(), 1u);
+        EXPECT_EQ(finals[0].error, HTTP_REQUEST_CHUNK_REQ_ERROR);
+        EXPECT_EQ(finals[0].curlCode, c.curlCode);
+        EXPECT_NE(finals[0].curlError.find(c.text), std::string::npos) << finals[0].curlError;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Whole processes: exit with transfers in flight, fork, no worker threads, unrun transfers
+
+namespace {
+
+struct ChildResult {
+    int status = -1;  // exit status; 128 + signal when killed (hung or aborted)
+    std::string output;
+};
+
+// Runs the streaming child with `args`, its standard error kept; killed after `limit`.
+ChildResult run_child(std::vector<std::string> args, seconds limit = seconds(60)) {
+    TempDir dir;
+    const std::string errors = dir.file("stderr");
+    args.insert(args.begin(), STREAMING_CHILD);
+    std::vector<char*> argv;
+    for (std::string& arg : args) {
+        argv.push_back(&arg[0]);
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    ChildResult result;
+    pid_t pid = -1;
+    const int spawned = posix_spawn(&pid, STREAMING_CHILD, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) {
+        return result;
+    }
+    int status = 0;
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        std::this_thread::sleep_for(milliseconds(10));  // polling a child process, bounded
+    }
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.output = read_file(errors);
+    return result;
+}
+
+bool sanitizer_report(const std::string& output) {
+    return output.find("Sanitizer") != std::string::npos ||
+           output.find("runtime error") != std::string::npos;
+}
+
+}  // namespace
+
+TEST(StreamingProcessTest, ExitWithTransfersInFlightAndLoggingIsClean) {
+    // Level-5 logging into a small rotating file from 16 transfers while main returns and the
+    // statics are destroyed around them; the child lingers in its last static destructor.
+    HttpServer server;
+    std::mutex mutex;
+    std::vector<std::shared_ptr<PieceQueue>> downloads;
+    server.on("/down", [&](const ReceivedRequest&) {
+        std::lock_guard<std::mutex> lock(mutex);
+        downloads.push_back(std::make_shared<PieceQueue>());
+        return Reply::streamed(downloads.back());
+    });
+    std::atomic<bool> stop{false};
+    std::thread feeder([&] {  // every open download gets a piece every millisecond
+        while (!stop) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                for (auto& queue : downloads) {
+                    queue->push(std::string(100, 'p'));
+                }
+            }
+            std::this_thread::sleep_for(milliseconds(1));  // pacing, not a synchronisation
+        }
+    });
+    serve_upload(server);
+    TempDir dir;
+    ChildResult result =
+        run_child({"exit", server.url("/down"), server.url("/up"), dir.file("child.log")});
+    stop = true;
+    feeder.join();
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_FALSE(sanitizer_report(result.output)) << result.output;
+}
+
+TEST(StreamingProcessTest, StartsThatCannotRunStillEndAndFreeTheirHandles) {
+    HttpServer server;
+    serve_upload(server);
+    server.on("/down", [](const ReceivedRequest&) { return Reply::text("piece"); });
+    // No worker thread can be created: one error delivery per start, on the caller's thread.
+    ChildResult noWorker = run_child({"no-worker", server.url("/down")});
+    EXPECT_EQ(noWorker.status, 0) << noWorker.output;
+    // A transfer still queued at exit is released unrun, its libcurl handle with it.
+    ChildResult neverRun = run_child({"never-run", server.url("/up")});
+    EXPECT_EQ(neverRun.status, 0) << neverRun.output;
+    EXPECT_FALSE(sanitizer_report(neverRun.output)) << neverRun.output;
+}
+
+TEST(StreamingProcessTest, ForkedChildStreamsWithAPoolOfItsOwn) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer does not support threads started after a multi-threaded fork";
+#endif
+    HttpServer server;
+    server.on("/down", [](const ReceivedRequest&) { return Reply::text("piece"); });
+    ChildResult result = run_child({"fork", server.url("/down")});
+    EXPECT_EQ(result.status, 0) << result.output;
 }

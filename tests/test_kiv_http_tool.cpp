@@ -8,8 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/http_server.h"
 #include "tests/support/raw_server.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/tls_cert.h"
 #include "tools/server/command_grammar.h"
 #include "tools/server/recognition_server.h"
 #include "tools/server/speech.h"
@@ -116,6 +118,12 @@ TEST(KivHttpToolTest, OneShotExitCodesAndOutput) {
     EXPECT_EQ(refused.status, 3);
     EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 2)
         << "one log line and one reason line: " << refused.err;
+    EXPECT_NE(refused.err.find("onnect"), std::string::npos) << "libcurl's reason: " << refused.err;
+    ToolRun refusedUpload =
+        run_tool({"upload", "http://127.0.0.1:" + std::to_string(closed.port()) + "/", __FILE__});
+    EXPECT_EQ(refusedUpload.status, 3);
+    EXPECT_NE(refusedUpload.err.find("upload: failed: "), std::string::npos) << refusedUpload.err;
+    EXPECT_NE(refusedUpload.err.find("onnect"), std::string::npos) << refusedUpload.err;
 
     ToolRun usage = run_tool({"post", base + "/v1/health"});
     EXPECT_NE(usage.status, 0);
@@ -153,4 +161,52 @@ TEST(KivHttpToolTest, UploadAndDownloadMeetAtTheServer) {
     }
     EXPECT_NE(events.find("{\"type\":\"final\",\"text\":\"call mom\"}"), std::string::npos)
         << events;
+}
+
+// Like curl: certificates are verified against the system's store by default; -k, --cacert and
+// --pinnedpubkey change that; a verification failure exits 3 with libcurl's reason.
+TEST(KivHttpToolTest, VerifiesCertificatesLikeCurl) {
+    const kiv::test::TlsCert ca = kiv::test::make_ca("kiv tool test CA");
+    const kiv::test::TlsCert cert = kiv::test::make_signed_cert(ca, "asr.kiv-tool.test");
+    kiv::test::TempDir dir;
+    const std::string caFile = dir.file("ca.pem");
+    kiv::test::write_file(caFile, ca.cert_pem);
+    kiv::test::HttpServerOptions options;
+    options.tls = cert;
+    kiv::test::HttpServer server(options);
+    server.on("/x",
+              [](const kiv::test::ReceivedRequest&) { return kiv::test::Reply::text("verified"); });
+    const std::string url = server.url("/x");
+    const std::string pin = kiv::test::public_key_pin(cert);
+    const std::string otherPin = kiv::test::public_key_pin(kiv::test::make_ca("other"));
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+    };
+    const Case cases[] = {
+        {{"get", url}, 3},  // the test CA is in no system store
+        {{"get", "-k", url}, 0},
+        {{"get", "--cacert", caFile, url}, 0},
+        {{"get", "--cacert", caFile, "--pinnedpubkey", pin, url}, 0},
+        {{"get", "-k", "--pinnedpubkey", pin, url}, 0},
+        {{"get", "--cacert", caFile, "--pinnedpubkey", otherPin, url}, 3},
+        {{"download", "--cacert", caFile, url}, 0},
+        {{"download", url}, 3},
+    };
+    for (const Case& c : cases) {
+        std::string line;
+        for (const std::string& a : c.args) {
+            line += a + " ";
+        }
+        SCOPED_TRACE(line);
+        ToolRun run = run_tool(c.args);
+        EXPECT_EQ(run.status, c.status) << run.err;
+        if (c.status == 0) {
+            EXPECT_EQ(run.out, "verified");
+        } else {
+            EXPECT_TRUE(run.err.find("certificate") != std::string::npos ||
+                        run.err.find("public key") != std::string::npos)
+                << "libcurl's reason: " << run.err;
+        }
+    }
 }

@@ -15,14 +15,12 @@
 namespace kiv {
 namespace Memory {
 
-// Test-only access (a friend of Singleton): empties the strong static, touching the statics in
-// the same order as instance() does.
+// Test-only access (a friend of Singleton): empties the strong static.
 struct SingletonTestAccess {
     template <typename T>
     static void emptyStrong() {
-        Threads::Synchronization::AppLock lock(&Singleton<T>::mutex_);
-        (void)Singleton<T>::instanceWeakRef;
-        Singleton<T>::instanceStrongRef = static_cast<T*>(nullptr);
+        Threads::Synchronization::AppLock lock(Singleton<T>::mutex_.get());
+        *Singleton<T>::instanceStrongRef = static_cast<T*>(nullptr);
     }
 };
 

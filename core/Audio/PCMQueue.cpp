@@ -29,7 +29,7 @@ int positionDiff(int to, int from) {
 }  // namespace
 
 kiv_shared_ptr<PCMQueue> PCMQueue::newQueue(int capacity) {
-    return kiv_shared_ptr<PCMQueue>(new PCMQueue(capacity));
+    return kiv_shared_ptr<PCMQueue>::adoptNew(new PCMQueue(capacity));
 }
 
 PCMQueue::PCMQueue(int capacity)

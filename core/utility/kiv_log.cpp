@@ -38,11 +38,30 @@ const char* get_file_name(const char* path) {
     return slash ? slash + 1 : path;
 }
 
-std::string LogFile::_s_log_file_name;
+Memory::NoDestructor<std::string> LogFile::_s_log_file_name;
 FILE* LogFile::_s_log_file = nullptr;
 unsigned long LogFile::_s_log_file_size = 0;
-AppMutex LogFile::_s_log_file_mutex(false);
+Memory::NoDestructor<AppMutex> LogFile::_s_log_file_mutex(false);
 unsigned long LogFile::_s_log_file_limit = 0;
+
+void LogFile::lockForFork() {
+    _s_log_file_mutex->lock();
+}
+void LogFile::unlockAfterFork() {
+    _s_log_file_mutex->unlock();
+}
+void LogFile::resetInForkChild() {
+    // The only thread of the child is the one that forked: nobody else can hold the lock.
+    _s_log_file_mutex.rebuild(false);
+}
+
+namespace {
+// Registered during static initialisation, before any pool or timer registers its own handlers:
+// prepare handlers run in reverse order of registration, so this leaf lock is taken last, after
+// every lock whose holders may log.
+[[maybe_unused]] const int kForkHandlers =
+    pthread_atfork(&LogFile::lockForFork, &LogFile::unlockAfterFork, &LogFile::resetInForkChild);
+}  // namespace
 
 void LogFile::log(const char* line) {
     if (!line) {
@@ -52,7 +71,7 @@ void LogFile::log(const char* line) {
     bool needsNewline = len == 0 || line[len - 1] != '\n';
     size_t total = len + (needsNewline ? 1 : 0);
 
-    AppLock lock(&_s_log_file_mutex);
+    AppLock lock(_s_log_file_mutex.get());
     FILE* out = _s_log_file;
     if (out) {
         if (_s_log_file_limit > 0 && _s_log_file_size > 0 &&
@@ -76,25 +95,25 @@ void LogFile::log(const char* line) {
 void LogFile::rotate_locked() {
     fclose(_s_log_file);
     _s_log_file = nullptr;
-    std::string backup = _s_log_file_name + ".1";
-    rename(_s_log_file_name.c_str(), backup.c_str());
-    _s_log_file = fopen(_s_log_file_name.c_str(), "a");
+    std::string backup = *_s_log_file_name + ".1";
+    rename(_s_log_file_name->c_str(), backup.c_str());
+    _s_log_file = fopen(_s_log_file_name->c_str(), "a");
     _s_log_file_size = 0;
 }
 
 void LogFile::open_log_file(const char* path, int maxBytes) {
-    AppLock lock(&_s_log_file_mutex);
+    AppLock lock(_s_log_file_mutex.get());
     if (_s_log_file) {
         fclose(_s_log_file);
         _s_log_file = nullptr;
     }
-    _s_log_file_name = path ? path : "";
+    *_s_log_file_name = path ? path : "";
     _s_log_file_limit = maxBytes > 0 ? static_cast<unsigned long>(maxBytes) : 0;
     _s_log_file_size = 0;
-    if (_s_log_file_name.empty()) {
+    if (_s_log_file_name->empty()) {
         return;
     }
-    _s_log_file = fopen(_s_log_file_name.c_str(), "a");
+    _s_log_file = fopen(_s_log_file_name->c_str(), "a");
     if (_s_log_file) {
         long existing = ftell(_s_log_file);
         if (existing <= 0 && fseek(_s_log_file, 0, SEEK_END) == 0) {
@@ -105,7 +124,7 @@ void LogFile::open_log_file(const char* path, int maxBytes) {
 }
 
 void LogFile::close_log_file() {
-    AppLock lock(&_s_log_file_mutex);
+    AppLock lock(_s_log_file_mutex.get());
     if (_s_log_file) {
         fflush(_s_log_file);
         fclose(_s_log_file);

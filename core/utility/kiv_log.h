@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "core/utility/Memory/no_destructor.h"
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 #include "core/utility/kiv_utility.h"
 
@@ -31,6 +32,10 @@ const char* get_file_name(const char* path);
 // once the file is closed. Every call is safe from any thread; a line is written whole, never
 // interleaved with another, and flushed at once so that it survives a crash. The sink never calls
 // back into the library and takes no lock but its own.
+//
+// Its state is never destroyed, so threads still running while the process exits (pool workers
+// inside a transfer) keep logging, rotation included; and a child process made by fork() gets a
+// usable, unlocked sink even if another thread was writing a line at the time.
 class LogFile {
 public:
     // Appends one finished line. A line that does not end in '\n' (one cut at the formatting
@@ -45,13 +50,18 @@ public:
     // Flushes and closes the file; later lines go to standard error.
     static void close_log_file();
 
+    // fork() handlers (registered by the sink itself).
+    static void lockForFork();
+    static void unlockAfterFork();
+    static void resetInForkChild();
+
 private:
     static void rotate_locked();
 
-    static std::string _s_log_file_name;
+    static Memory::NoDestructor<std::string> _s_log_file_name;
     static FILE* _s_log_file;
     static unsigned long _s_log_file_size;
-    static Threads::Synchronization::AppMutex _s_log_file_mutex;
+    static Memory::NoDestructor<Threads::Synchronization::AppMutex> _s_log_file_mutex;
     static unsigned long _s_log_file_limit;
 };
 

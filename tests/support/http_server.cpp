@@ -173,25 +173,37 @@ struct HttpServerCallbacks {
 };
 
 HttpServer::HttpServer(HttpServerOptions options) : options_(std::move(options)) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(options_.port);
-    if (inet_pton(AF_INET, options_.address.c_str(), &addr.sin_addr) != 1) {
-        throw std::invalid_argument("not an IPv4 address: " + options_.address);
-    }
+    sockaddr_storage storage{};
     unsigned int flags =
         MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_ERROR_LOG;
+    if (options_.address.find(':') != std::string::npos) {
+        auto* addr = reinterpret_cast<sockaddr_in6*>(&storage);
+        addr->sin6_family = AF_INET6;
+        addr->sin6_port = htons(options_.port);
+        if (inet_pton(AF_INET6, options_.address.c_str(), &addr->sin6_addr) != 1) {
+            throw std::invalid_argument("not an IPv6 address: " + options_.address);
+        }
+        flags |= MHD_USE_IPv6;
+    } else {
+        auto* addr = reinterpret_cast<sockaddr_in*>(&storage);
+        addr->sin_family = AF_INET;
+        addr->sin_port = htons(options_.port);
+        if (inet_pton(AF_INET, options_.address.c_str(), &addr->sin_addr) != 1) {
+            throw std::invalid_argument("not an IPv4 address: " + options_.address);
+        }
+    }
+    const sockaddr* addr = reinterpret_cast<const sockaddr*>(&storage);
     if (options_.tls) {
         flags |= MHD_USE_TLS;
         daemon_ = MHD_start_daemon(
             flags, 0, nullptr, nullptr, &HttpServerCallbacks::on_request, this,
-            MHD_OPTION_SOCK_ADDR, &addr, MHD_OPTION_URI_LOG_CALLBACK, &HttpServerCallbacks::on_uri,
+            MHD_OPTION_SOCK_ADDR, addr, MHD_OPTION_URI_LOG_CALLBACK, &HttpServerCallbacks::on_uri,
             this, MHD_OPTION_NOTIFY_COMPLETED, &HttpServerCallbacks::on_completed, this,
             MHD_OPTION_HTTPS_MEM_KEY, options_.tls->key_pem.c_str(), MHD_OPTION_HTTPS_MEM_CERT,
             options_.tls->cert_pem.c_str(), MHD_OPTION_END);
     } else {
         daemon_ = MHD_start_daemon(flags, 0, nullptr, nullptr, &HttpServerCallbacks::on_request,
-                                   this, MHD_OPTION_SOCK_ADDR, &addr, MHD_OPTION_URI_LOG_CALLBACK,
+                                   this, MHD_OPTION_SOCK_ADDR, addr, MHD_OPTION_URI_LOG_CALLBACK,
                                    &HttpServerCallbacks::on_uri, this, MHD_OPTION_NOTIFY_COMPLETED,
                                    &HttpServerCallbacks::on_completed, this, MHD_OPTION_END);
     }
@@ -227,8 +239,9 @@ void HttpServer::on(const std::string& path, Handler handler) {
 }
 
 std::string HttpServer::url(const std::string& target) const {
-    return std::string(options_.tls ? "https://" : "http://") + options_.address + ":" +
-           std::to_string(port_) + target;
+    const bool v6 = options_.address.find(':') != std::string::npos;
+    return std::string(options_.tls ? "https://" : "http://") + (v6 ? "[" : "") + options_.address +
+           (v6 ? "]" : "") + ":" + std::to_string(port_) + target;
 }
 
 std::vector<ReceivedRequest> HttpServer::requests() const {

@@ -74,7 +74,7 @@ struct Reply {
 using Handler = std::function<Reply(const ReceivedRequest&)>;
 
 struct HttpServerOptions {
-    std::string address = "127.0.0.1";  // a loopback address
+    std::string address = "127.0.0.1";  // a loopback address, IPv4 or IPv6 ("::1")
     uint16_t port = 0;                  // 0: an ephemeral port, see HttpServer::port()
     std::optional<TlsCert> tls;         // set: HTTPS with this certificate
     // Longest time a streaming reply waits for its next piece before it drops the connection.

@@ -232,17 +232,33 @@ std::vector<std::string> RawServer::received() const {
 }
 
 bool can_bind(const std::string& address, uint16_t port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+    int family = AF_INET;
+    if (address.find(':') != std::string::npos) {
+        auto* addr = reinterpret_cast<sockaddr_in6*>(&storage);
+        family = addr->sin6_family = AF_INET6;
+        addr->sin6_port = htons(port);
+        if (inet_pton(AF_INET6, address.c_str(), &addr->sin6_addr) != 1) {
+            return false;
+        }
+        length = sizeof *addr;
+    } else {
+        auto* addr = reinterpret_cast<sockaddr_in*>(&storage);
+        addr->sin_family = AF_INET;
+        addr->sin_port = htons(port);
+        if (inet_pton(AF_INET, address.c_str(), &addr->sin_addr) != 1) {
+            return false;
+        }
+        length = sizeof *addr;
+    }
+    int fd = socket(family, SOCK_STREAM, 0);
     if (fd < 0) {
         return false;
     }
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    inet_pton(AF_INET, address.c_str(), &addr.sin_addr);
     int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    bool ok = bind(fd, reinterpret_cast<sockaddr*>(&storage), length) == 0;
     close(fd);
     return ok;
 }

@@ -98,7 +98,8 @@ private:
     size_t finished_count_ = 0;
 };
 
-// True when `address`:`port` can be bound here (port 443 needs root or CAP_NET_BIND_SERVICE):
+// True when `address`:`port` (IPv4, or IPv6 such as "::1") can be bound here (port 443 needs
+// root or CAP_NET_BIND_SERVICE; "::1" needs IPv6 on loopback):
 // tests that need such a server skip, with a message, where it cannot.
 bool can_bind(const std::string& address, uint16_t port);
 

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli/stream_client.h"
+
 namespace kiv {
 namespace cli {
 
@@ -21,6 +23,7 @@ struct OneShotOptions {
     std::vector<std::string> headers;
     long timeout_ms = 0;
     bool include_head = false;
+    TlsOptions tls;
 };
 
 struct StreamOptions {
@@ -29,6 +32,7 @@ struct StreamOptions {
     std::string file;
     bool realtime = false;
     int frame_ms = 40;
+    TlsOptions tls;
 };
 
 struct ServeOptions {

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/temp_dir.h"
 #include "tests/support/tls_cert.h"
 #include "tools/cli/commands.h"
 #include "tools/cli/ndjson.h"
@@ -86,6 +87,7 @@ struct Utterance {
 struct Endpoint {
     std::string base;         // what the transport connects to
     std::string origin_base;  // host-name form for HTTPS pinning, else empty
+    TlsOptions tls;           // HTTPS: verified against the demo's own throw-away CA
 };
 
 // What one utterance's results stream delivered, filled on the layer's worker thread.
@@ -120,33 +122,35 @@ UtteranceReport run_utterance(const Endpoint& endpoint, const std::string& sessi
 
     Results results;
     StreamClient down;
-    down.start_download(endpoint.base + results_path, origin(results_path),
-                        [&results](const char* data, size_t size) {
-                            std::lock_guard<std::mutex> lock(results.mutex);
-                            results.pending.append(data, size);
-                            size_t newline;
-                            while ((newline = results.pending.find('\n')) != std::string::npos) {
-                                std::string line = results.pending.substr(0, newline);
-                                results.pending.erase(0, newline + 1);
-                                const ResultEvent event = parse_result_event(line);
-                                if (event.type == "partial") {
-                                    if (!results.partial_seen) {
-                                        results.partial_seen = true;
-                                        results.first_partial_at = Clock::now();
-                                    }
-                                    ++results.partials;
-                                    printf("    partial: %s\n", event.text.c_str());
-                                    fflush(stdout);
-                                } else if (event.type == "final") {
-                                    results.finals.push_back(event.text);
-                                    results.final_seen = true;
-                                    results.final_at = Clock::now();
-                                }
-                            }
-                        });
+    down.start_download(
+        endpoint.base + results_path, origin(results_path),
+        [&results](const char* data, size_t size) {
+            std::lock_guard<std::mutex> lock(results.mutex);
+            results.pending.append(data, size);
+            size_t newline;
+            while ((newline = results.pending.find('\n')) != std::string::npos) {
+                std::string line = results.pending.substr(0, newline);
+                results.pending.erase(0, newline + 1);
+                const ResultEvent event = parse_result_event(line);
+                if (event.type == "partial") {
+                    if (!results.partial_seen) {
+                        results.partial_seen = true;
+                        results.first_partial_at = Clock::now();
+                    }
+                    ++results.partials;
+                    printf("    partial: %s\n", event.text.c_str());
+                    fflush(stdout);
+                } else if (event.type == "final") {
+                    results.finals.push_back(event.text);
+                    results.final_seen = true;
+                    results.final_at = Clock::now();
+                }
+            }
+        },
+        endpoint.tls);
 
     StreamClient up;
-    up.start_upload(endpoint.base + audio_path, origin(audio_path));
+    up.start_upload(endpoint.base + audio_path, origin(audio_path), endpoint.tls);
     demo::GzipWriter gzip;
     constexpr size_t kFrameSamples = 640;  // 40 ms at 16 kHz
     const bool progress = stderr_is_terminal();
@@ -214,9 +218,15 @@ bool start_server(demo::RecognitionServer& server, bool https, Endpoint* endpoin
         endpoint->base = "http://127.0.0.1:" + std::to_string(server.port());
         return true;
     }
+    // A CA of the demo's own, made for this run and trusted by this run only: the server's
+    // certificate is signed by it, and the client verifies the chain and the name against it.
     test::TlsCert cert;
+    static test::TempDir caDir;  // lives until the process ends
+    endpoint->tls.cacert = caDir.file("demo-ca.pem");
     try {
-        cert = test::make_self_signed_cert(kPinnedHost, false);
+        const test::TlsCert ca = test::make_ca("kiv-http demo CA");
+        cert = test::make_signed_cert(ca, kPinnedHost, false);
+        test::write_file(endpoint->tls.cacert, ca.cert_pem);
     } catch (const std::exception& e) {
         fprintf(stderr, "kiv-http: cannot make a certificate: %s\n", e.what());
         return false;

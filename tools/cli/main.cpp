@@ -98,6 +98,18 @@ int main(int argc, char** argv) {
     for (CLI::App* command : {get, post, upload, download, serve, demo}) {
         add_log_options(command, &log);
     }
+    // Certificates are verified against the system's CA store unless told otherwise, as curl does.
+    for (auto pair :
+         {std::make_pair(get, &get_options.tls), std::make_pair(post, &post_options.tls),
+          std::make_pair(upload, &upload_options.tls),
+          std::make_pair(download, &download_options.tls)}) {
+        pair.first->add_flag("-k,--insecure", pair.second->insecure,
+                             "do not verify the server's certificate");
+        pair.first->add_option("--cacert", pair.second->cacert,
+                               "verify against the CA certificates in this PEM file");
+        pair.first->add_option("--pinnedpubkey", pair.second->pinned_key,
+                               "sha256//<base64>: the server's public key must match");
+    }
 
     CLI11_PARSE(app, argc, argv);
 

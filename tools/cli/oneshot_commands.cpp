@@ -44,6 +44,7 @@ bool add_header(const std::string& line, kiv_HttpRequest* request) {
 int run_one_shot(const OneShotOptions& options, bool post) {
     kiv_shared_ptr<kiv_HttpRequest> request = kiv_HttpRequest::requestWithUrl(options.url);
     request->_TIMEOUT_MS = options.timeout_ms;
+    apply_tls(options.tls, request.getPTR());
     for (const std::string& header : options.headers) {
         if (!add_header(header, request.getPTR())) {
             fprintf(stderr, "kiv-http: bad header '%s' (want 'Name: value')\n", header.c_str());
@@ -74,10 +75,11 @@ int run_one_shot(const OneShotOptions& options, bool post) {
     }
     const int32_t status = response->get_http_status();
     if (status == 0) {
-        fprintf(stderr, "kiv-http: no answer from %s (%s)\n", options.url.c_str(),
+        fprintf(stderr, "kiv-http: no answer from %s: %s (libcurl code %d)\n", options.url.c_str(),
                 response->get_local_request_error() == HTTP_REQUEST_ABORTED
                     ? "cancelled"
-                    : "connection, TLS or time limit failed; --log-level 2 shows libcurl's code");
+                    : response->get_curl_error().c_str(),
+                response->get_curl_code());
         return kExitLocalError;
     }
     if (options.include_head) {

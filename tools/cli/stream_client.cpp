@@ -75,27 +75,37 @@ void StreamClient::on_delivery(kiv_shared_ptr<kiv_http_request_maker>&,
     state.end.status = status;
     state.end.error = error;
     state.end.message = response->getErrorMessage();
+    state.end.curl_code = response->get_curl_code();
+    state.end.curl_error = response->get_curl_error();
     state.changed.notify_all();
 }
 
+void apply_tls(const TlsOptions& tls, kiv_HttpRequest* request) {
+    request->_VERIFY_TLS = !tls.insecure;
+    request->_CA_FILE = tls.insecure ? std::string() : tls.cacert;
+    request->_PINNED_PUBLIC_KEY = tls.pinned_key;
+}
+
 void StreamClient::start(const std::string& url, const std::string& origin_url,
-                         HTTP_REQUEST_METHOD method) {
+                         HTTP_REQUEST_METHOD method, const TlsOptions& tls) {
     auto request = kiv_HttpRequest::requestWithUrl(url);
     request->_METHOD = method;
     if (!origin_url.empty()) {
         request->_origin_URL = origin_url;
     }
+    apply_tls(tls, request.getPTR());
     task_->start_request(request, &StreamClient::on_delivery, &session_);
 }
 
 void StreamClient::start_download(const std::string& url, const std::string& origin_url,
-                                  PieceHandler on_piece) {
+                                  PieceHandler on_piece, const TlsOptions& tls) {
     state_->on_piece = std::move(on_piece);
-    start(url, origin_url, HTTP_REQUEST_METHOD_CHUNK_DOWN);
+    start(url, origin_url, HTTP_REQUEST_METHOD_CHUNK_DOWN, tls);
 }
 
-void StreamClient::start_upload(const std::string& url, const std::string& origin_url) {
-    start(url, origin_url, HTTP_REQUEST_METHOD_CHUNK_UP);
+void StreamClient::start_upload(const std::string& url, const std::string& origin_url,
+                                const TlsOptions& tls) {
+    start(url, origin_url, HTTP_REQUEST_METHOD_CHUNK_UP, tls);
 }
 
 void StreamClient::send(const std::string& bytes, bool last) {

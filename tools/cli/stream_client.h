@@ -14,12 +14,26 @@
 namespace kiv {
 namespace cli {
 
+// Certificate checks of a transfer, as curl's flags set them. By default the server's chain and
+// name are verified against the system's CA store.
+struct TlsOptions {
+    bool insecure = false;   // -k: no chain or name check (a pinned key is still checked)
+    std::string cacert;      // --cacert FILE: trust these CAs instead of the system's
+    std::string pinned_key;  // --pinnedpubkey sha256//...: the server's key must match
+};
+
+// Puts `tls` into a request's verification fields.
+void apply_tls(const TlsOptions& tls, Networking::kiv_HttpRequest* request);
+
 // How a streaming exchange ended, as its final delivery told it.
 struct StreamEnd {
     bool ended = false;  // a final delivery arrived (or the transfer ended silently, see below)
     int32_t status = 0;  // HTTP status; 0 when the transfer failed or timed out
     Networking::HTTP_REQUEST_ERROR error = Networking::HTTP_REQUEST_OK;
     std::string message;
+    // libcurl's code and error text when the transfer failed.
+    int32_t curl_code = 0;
+    std::string curl_error;
 };
 
 // One streaming exchange of the transport layer (an upload or a download) seen from an
@@ -39,8 +53,9 @@ public:
     // Starts a download (pieces go to `on_piece`) or an upload. `origin_url`, when given, is the
     // host-name form of an HTTPS `url` written with an IP address (host pinning).
     void start_download(const std::string& url, const std::string& origin_url,
-                        PieceHandler on_piece);
-    void start_upload(const std::string& url, const std::string& origin_url);
+                        PieceHandler on_piece, const TlsOptions& tls = TlsOptions());
+    void start_upload(const std::string& url, const std::string& origin_url,
+                      const TlsOptions& tls = TlsOptions());
 
     // Upload bytes (already gzip-compressed); `last` ends the body.
     void send(const std::string& bytes, bool last);
@@ -63,7 +78,7 @@ private:
                             Memory::kiv_shared_ptr<Networking::kiv_HttpResponse>& response,
                             Memory::kiv_shared_ptr_base* param);
     void start(const std::string& url, const std::string& origin_url,
-               Networking::HTTP_REQUEST_METHOD method);
+               Networking::HTTP_REQUEST_METHOD method, const TlsOptions& tls);
 
     std::shared_ptr<State> state_;
     Memory::kiv_shared_ptr<Session> session_;

@@ -26,8 +26,10 @@ int report_end(const char* what, const StreamEnd& end) {
         fprintf(stderr, "%s: server answered %d\n", what, end.status);
         return end.status >= 200 && end.status <= 299 ? kExitOk : kExitHttpError;
     }
-    fprintf(stderr, "%s: failed (local error %d: %s)\n", what, static_cast<int>(end.error),
-            end.message.c_str());
+    // libcurl's reason first: it names what failed (a refused connection, a TLS problem).
+    fprintf(stderr, "%s: failed: %s (libcurl code %d; local error %d)\n", what,
+            end.curl_error.empty() ? end.message.c_str() : end.curl_error.c_str(), end.curl_code,
+            static_cast<int>(end.error));
     return kExitLocalError;
 }
 
@@ -44,7 +46,7 @@ int run_upload(const StreamOptions& options) {
     const size_t frame = static_cast<size_t>(options.frame_ms) * 32;
     const bool progress = stderr_is_terminal();
     StreamClient client;
-    client.start_upload(options.url, options.origin_url);
+    client.start_upload(options.url, options.origin_url, options.tls);
     demo::GzipWriter gzip;
     const Clock::time_point start = Clock::now();
     size_t frames = 0;
@@ -79,11 +81,14 @@ int run_download(const StreamOptions& options) {
     StreamClient client;
     uint64_t received = 0;
     const Clock::time_point start = Clock::now();
-    client.start_download(options.url, options.origin_url, [&](const char* data, size_t size) {
-        fwrite(data, 1, size, stdout);
-        fflush(stdout);
-        received += size;  // worker thread only; read after the end
-    });
+    client.start_download(
+        options.url, options.origin_url,
+        [&](const char* data, size_t size) {
+            fwrite(data, 1, size, stdout);
+            fflush(stdout);
+            received += size;  // worker thread only; read after the end
+        },
+        options.tls);
     StreamEnd end;
     // A download ends on its own: at the server's end of body, a failure, or 12 s of silence.
     while (!client.wait_end(std::chrono::seconds(3600), &end)) {

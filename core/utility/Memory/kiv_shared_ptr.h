@@ -61,6 +61,21 @@ public:
 
     static void arrayDestructor(void* ptr) { delete[] static_cast<T*>(ptr); }
 
+    // Adopts an object just made with `new`; if the control block cannot be allocated, the
+    // object is destroyed (as the type's own deletion would) before the exception goes on, so
+    // nothing leaks and nothing the object holds stays held. For classes whose destructor is
+    // private to kiv_shared_ptr, this is the only way to get that guarantee.
+    static kiv_shared_ptr<T> adoptNew(T* object) {
+        kiv_shared_ptr<T> ref;
+        try {
+            ref = object;
+        } catch (...) {
+            delete object;
+            throw;
+        }
+        return ref;
+    }
+
     ~kiv_shared_ptr() override = default;
 
 protected:

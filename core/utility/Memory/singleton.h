@@ -1,10 +1,13 @@
 #ifndef KIV_UTILITY_MEMORY_SINGLETON_H
 #define KIV_UTILITY_MEMORY_SINGLETON_H
 
+#include <pthread.h>
+
 #include <cstdlib>
 
 #include "core/utility/Memory/kiv_shared_ptr.h"
 #include "core/utility/Memory/kiv_weak_ptr.h"
+#include "core/utility/Memory/no_destructor.h"
 #include "core/utility/Threads/Synchronization/AppLock.h"
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 
@@ -25,64 +28,87 @@ namespace Memory {
 // If T's constructor throws, the exception leaves instance(), the lock is released, both statics
 // keep their previous state and the next call tries again.
 //
-// Static initialisation and destruction order. The three statics are defined below and are
-// built during static initialisation, mutex_ first, then instanceWeakRef, then
-// instanceStrongRef; they are destroyed at exit in the reverse order, so the strong static goes
-// first (destroying the instance unless another strong reference still holds it) while the weak
-// static and the mutex are still alive. The language leaves the dynamic initialisation of
-// implicitly instantiated static members unordered; GCC and Clang initialise them in the order
-// in which a translation unit first uses them, so instance() (and anything else that touches
-// them, such as the test hook) uses them strictly in the order mutex_, instanceWeakRef,
-// instanceStrongRef.
+// Process exit. The statics are never destroyed: threads that outlive static destruction (pool
+// workers inside a transfer, which may start another transfer from a callback) can still call
+// instance() safely. The instance itself is released at exit by a handler that instance()
+// registers with atexit() when it creates the first one; from then on instance() returns an
+// empty reference (the process is going; nothing new is created), which callers must check.
+//
+// fork(). A child process inherits the lock in whatever state another thread left it; the
+// fork handlers hold it across fork() so the child gets it unlocked, with the instance intact.
 template <typename T>
 class Singleton {
 public:
-    // A strong reference to the one live instance, created on first use; never empty.
+    // A strong reference to the one live instance, created on first use. Empty only once the
+    // process has begun to exit.
     static kiv_shared_ptr<T> instance();
 
 private:
     // Test hook: lets a test empty the strong static (the library itself never does).
     friend struct SingletonTestAccess;
 
-    static kiv_shared_ptr<T> instanceStrongRef;
-    static kiv_weak_ptr<T> instanceWeakRef;
-    static Threads::Synchronization::AppMutex mutex_;
+    static void releaseAtExit();
+    static void lockForFork() { mutex_->lock(); }
+    static void unlockAfterFork() { mutex_->unlock(); }
+    static void resetInForkChild() { mutex_.rebuild(true); }
+
+    static NoDestructor<Threads::Synchronization::AppMutex> mutex_;
+    static NoDestructor<kiv_weak_ptr<T>> instanceWeakRef;
+    static NoDestructor<kiv_shared_ptr<T>> instanceStrongRef;
+    // Set under mutex_ by releaseAtExit(); never cleared.
+    static bool exiting_;
+    static bool handlersRegistered_;
 };
 
-// Definitions in construction order (see the class comment for how the order is obtained).
 template <typename T>
-Threads::Synchronization::AppMutex Singleton<T>::mutex_(true);
+NoDestructor<Threads::Synchronization::AppMutex> Singleton<T>::mutex_(true);
 template <typename T>
-kiv_weak_ptr<T> Singleton<T>::instanceWeakRef;
+NoDestructor<kiv_weak_ptr<T>> Singleton<T>::instanceWeakRef;
 template <typename T>
-kiv_shared_ptr<T> Singleton<T>::instanceStrongRef;
+NoDestructor<kiv_shared_ptr<T>> Singleton<T>::instanceStrongRef;
+template <typename T>
+bool Singleton<T>::exiting_ = false;
+template <typename T>
+bool Singleton<T>::handlersRegistered_ = false;
 
 template <typename T>
 kiv_shared_ptr<T> Singleton<T>::instance() {
-    Threads::Synchronization::AppLock lock(&mutex_);
+    Threads::Synchronization::AppLock lock(mutex_.get());
+    if (exiting_) {
+        return kiv_shared_ptr<T>();
+    }
 
     // 1. The live instance, if any.
-    kiv_shared_ptr<T> ref = instanceWeakRef.getPTR();
+    kiv_shared_ptr<T> ref = instanceWeakRef->getPTR();
 
     // 2. None: create one. If the constructor throws, nothing below has run and both statics
     //    are unchanged; the lock is released by the guard.
     if (ref.getPTR() == nullptr) {
         T* created = new T();
         try {
-            instanceStrongRef = created;  // adoption; the previous content is released first
+            *instanceStrongRef = created;  // adoption; the previous content is released first
         } catch (...) {
             // The control block could not be allocated: adoption leaves the object to us.
             delete created;
             throw;
         }
-        instanceWeakRef = instanceStrongRef;
-        ref = instanceWeakRef.getPTR();
+        *instanceWeakRef = *instanceStrongRef;
+        ref = instanceWeakRef->getPTR();
         ref->initInstance();
+        if (!handlersRegistered_) {
+            handlersRegistered_ = true;
+            atexit(&Singleton<T>::releaseAtExit);
+            // Registered after whatever initInstance() registered, so our prepare handler runs
+            // first: this lock is taken before the instance's own (instance() holds it while
+            // calling initInstance()).
+            pthread_atfork(&Singleton<T>::lockForFork, &Singleton<T>::unlockAfterFork,
+                           &Singleton<T>::resetInForkChild);
+        }
     }
 
     // 3. Found alive while the strong static had been emptied: fill it again.
-    if (instanceStrongRef.getPTR() == nullptr) {
-        instanceStrongRef = instanceWeakRef;
+    if (instanceStrongRef->getPTR() == nullptr) {
+        *instanceStrongRef = *instanceWeakRef;
     }
 
     // 4. Cannot fail while creating a T either succeeds or throws.
@@ -92,6 +118,18 @@ kiv_shared_ptr<T> Singleton<T>::instance() {
 
     // 5.
     return ref;
+}
+
+template <typename T>
+void Singleton<T>::releaseAtExit() {
+    kiv_shared_ptr<T> last;
+    {
+        Threads::Synchronization::AppLock lock(mutex_.get());
+        exiting_ = true;
+        last = *instanceStrongRef;
+        *instanceStrongRef = static_cast<T*>(nullptr);
+    }
+    // The instance goes here, outside the lock (its destructor may take other locks).
 }
 
 }  // namespace Memory

@@ -18,7 +18,10 @@ kiv_HttpRequest::kiv_HttpRequest()
       cancellationHandlerFunction(nullptr),
       cancellationHandlerParam(nullptr),
       cancellationMutex(new AppMutex(false)),
-      _isCancelled(0) {}
+      _isCancelled(0),
+      _VERIFY_TLS(false),
+      _UPLOAD_QUEUE_LIMIT(0),
+      _MAX_REDIRECTS(0) {}
 
 kiv_HttpRequest::~kiv_HttpRequest() {
     delete cancellationHandlerParam;
@@ -26,7 +29,8 @@ kiv_HttpRequest::~kiv_HttpRequest() {
 }
 
 kiv_shared_ptr<kiv_HttpRequest> kiv_HttpRequest::requestWithUrl(kiv_shared_ptr<char> url) {
-    kiv_shared_ptr<kiv_HttpRequest> request(new kiv_HttpRequest());
+    kiv_shared_ptr<kiv_HttpRequest> request =
+        kiv_shared_ptr<kiv_HttpRequest>::adoptNew(new kiv_HttpRequest());
     request->_URL = url;
     if (url.getPTR()) {
         request->_origin_URL = url.getPTR();

@@ -1,6 +1,8 @@
 #ifndef KIV_UTILITY_NETWORKING_KIV_HTTPREQUEST_H
 #define KIV_UTILITY_NETWORKING_KIV_HTTPREQUEST_H
 
+#include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -15,6 +17,14 @@ enum HTTP_REQUEST_METHOD : int32_t {
     HTTP_REQUEST_METHOD_POST = 1,
     HTTP_REQUEST_METHOD_CHUNK_UP = 2,
     HTTP_REQUEST_METHOD_CHUNK_DOWN = 3,
+};
+
+// What a one-shot request's trace sink is told: text about the transfer, or a piece of a request
+// or response head as it goes out or comes in (bytes exactly as on the wire).
+enum kiv_HttpTraceKind : int32_t {
+    KIV_HTTP_TRACE_TEXT = 0,
+    KIV_HTTP_TRACE_HEAD_OUT = 1,
+    KIV_HTTP_TRACE_HEAD_IN = 2,
 };
 
 // What a caller asks for. Made only by requestWithUrl() and always held through kiv_shared_ptr.
@@ -64,6 +74,41 @@ private:
 
     int _isCancelled;
 
+public:
+    // TLS verification. With every field below empty or false, "https://" one-shot requests and
+    // pinned streaming requests accept any certificate (the historic behaviour, kept for existing
+    // callers), and other HTTPS URLs keep libcurl's defaults. Setting any of them makes the
+    // transfer verify the server's certificate chain and its name (one-shot and streaming,
+    // pinned or not):
+    //  - `_VERIFY_TLS`: against the system's CA store (or the CA file/directory below);
+    //  - `_CA_FILE` / `_CA_PATH`: against that PEM bundle / hashed CA directory;
+    //  - `_PINNED_PUBLIC_KEY` ("sha256//<base64>[;sha256//...]" or a PEM/DER key file): the
+    //    server's public key must match. On its own it is the trust anchor: the chain is not
+    //    checked then, but the key and the host name are.
+    bool _VERIFY_TLS;
+    std::string _CA_FILE;
+    std::string _CA_PATH;
+    std::string _PINNED_PUBLIC_KEY;
+
+    // Upload bound: bytes queued by send_data and not yet taken by libcurl. A piece that would
+    // pass it ends the upload with an error delivery instead of growing memory without limit.
+    // 0 or less means the default, 64 MiB.
+    long _UPLOAD_QUEUE_LIMIT;
+
+    // One-shot extras (the streaming paths ignore them).
+    // Follow up to this many redirects (0: none, the default).
+    long _MAX_REDIRECTS;
+    // Request method to send instead of GET/POST (for example "PUT", "DELETE", "HEAD").
+    std::string _CUSTOM_METHOD;
+    // When set, body bytes go to the sink as they arrive instead of into the response, so a
+    // large body never sits in memory. Return false to abort the transfer (local error
+    // HTTP_REQUEST_ABORTED). Runs on the calling thread inside execute().
+    std::function<bool(const char* data, size_t len)> _BODY_SINK;
+    // When set, told of the request and response heads as they cross the wire, and of
+    // libcurl's notes about the transfer (what `curl -v` prints). Runs on the calling thread.
+    std::function<void(kiv_HttpTraceKind kind, const char* data, size_t len)> _TRACE_SINK;
+
+private:
     kiv_HttpRequest(const kiv_HttpRequest&) = delete;
     kiv_HttpRequest& operator=(const kiv_HttpRequest&) = delete;
 };

@@ -55,10 +55,14 @@ const kiv_shared_ptr<char>& kiv_HttpResponse::empty_body() {
 }
 
 kiv_HttpResponse::kiv_HttpResponse()
-    : _requestError(HTTP_REQUEST_OK), _http_status(0), _data_len(1), _source(nullptr) {}
+    : _requestError(HTTP_REQUEST_OK),
+      _http_status(0),
+      _data_len(1),
+      _source(nullptr),
+      _curl_code(0) {}
 
 kiv_shared_ptr<kiv_HttpResponse> kiv_HttpResponse::alloc() {
-    return kiv_shared_ptr<kiv_HttpResponse>(new kiv_HttpResponse());
+    return kiv_shared_ptr<kiv_HttpResponse>::adoptNew(new kiv_HttpResponse());
 }
 
 void kiv_HttpResponse::receive_new_data(const char* data, uint32_t len) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "core/utility/Memory/kiv_shared_ptr.h"
 
@@ -58,6 +59,23 @@ public:
     void set_source(void* source) { _source = source; }
     void* get_source() { return _source; }
 
+    // Why a transfer failed, as libcurl saw it: its result code (0 when libcurl completed the
+    // transfer or never ran) and its error text (the transfer's error buffer, else libcurl's
+    // description of the code; empty for 0). Set on every response that ends in a libcurl
+    // error, one-shot and streaming alike, beside the local error and message above.
+    int32_t get_curl_code() const { return _curl_code; }
+    const std::string& get_curl_error() const { return _curl_error; }
+    void set_curl_error(int32_t code, std::string text) {
+        _curl_code = code;
+        _curl_error = std::move(text);
+    }
+
+    // The response head exactly as received by a one-shot request: every line (status lines,
+    // header lines, the empty line ending each head) in arrival order, duplicates kept, line
+    // endings stripped. The header map above keeps one value per name; this keeps them all.
+    const std::vector<std::string>& get_header_lines() const { return _header_lines; }
+    void add_header_line(std::string line) { _header_lines.push_back(std::move(line)); }
+
 private:
     friend class kiv::Memory::kiv_shared_ptr<kiv_HttpResponse>;
 
@@ -78,6 +96,9 @@ private:
     uint32_t _data_len;
     std::map<std::string, std::string> _responseHeaders;
     void* _source;
+    int32_t _curl_code;
+    std::string _curl_error;
+    std::vector<std::string> _header_lines;
 };
 
 }  // namespace Networking

@@ -2,11 +2,13 @@
 
 #include <pthread.h>
 
+#include <climits>
 #include <cstdio>
 #include <deque>
 #include <exception>
 #include <new>
 
+#include "core/utility/Memory/no_destructor.h"
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 #include "core/utility/kiv_log.h"
 #include "core/utility/kiv_utility.h"
@@ -18,24 +20,23 @@ using kiv::Memory::kiv_shared_ptr;
 using Synchronization::AppConditionMutex;
 
 int GlobalThreadPool::GLOBAL_POOL_THREAD_COUNT = 4;
-int GlobalThreadPool::MAX_POOL_THREAD_COUNT = 1024;
+int GlobalThreadPool::MAX_POOL_THREAD_COUNT = INT_MAX;
 int GlobalThreadPool::EXTRA_WORKER_IDLE_MS = 5000;
+size_t GlobalThreadPool::WORKER_STACK_BYTES = 512 * 1024;
 
 // Everything the workers share with the pool. Co-owned by the pool and by every worker, so a
 // worker that outlives the pool (a transfer still running at exit) only touches live memory.
 // Every field below `cond` is guarded by it.
 struct GlobalThreadPool::PoolState {
-    PoolState(int core, int max, int idleMs)
-        : cond(0),
-          coreCount(core > 0 ? core : 1),
-          maxCount(max > coreCount ? max : coreCount),  // the cap never goes below the core
-          idleTimeoutMs(idleMs > 0 ? idleMs : 0) {}
+    PoolState(int core, int max, int idleMs, size_t stackBytes);
+    ~PoolState();
 
-    AppConditionMutex cond;
+    kiv::Memory::NoDestructor<AppConditionMutex> cond;
     std::deque<kiv_shared_ptr<ASRDispatchTaskBase>> queue;
     const int coreCount;
     const int maxCount;
     const int idleTimeoutMs;
+    const size_t stackBytes;
     int workers = 0;            // threads alive or being started
     int idle = 0;               // waiting workers that hold no wake-up
     int wakeups = 0;            // wake-ups handed to waiting workers and not yet taken
@@ -43,7 +44,94 @@ struct GlobalThreadPool::PoolState {
     unsigned nextWorkerId = 0;
     bool started = false;   // initInstance() ran
     bool shutdown = false;  // the pool object is gone or going
+    // Links of the fork registry (below); guarded by its lock, not by `cond`.
+    PoolState* prevLive = nullptr;
+    PoolState* nextLive = nullptr;
 };
+
+namespace {
+
+// fork() support. A child process has only the thread that forked: the parent's workers do not
+// exist there, but the pool's counters, queue and lock say otherwise, so a transfer started in
+// the child would wait for workers that never come. Every live pool state is registered here;
+// the fork handlers hold every state's lock across fork() and give the child a fresh, empty state
+// (it starts workers of its own on demand). The registry's lock is a trivially destructible
+// pthread mutex, usable at any time, including during exit.
+pthread_mutex_t gRegistryLock = PTHREAD_MUTEX_INITIALIZER;
+GlobalThreadPool::PoolState* gLive = nullptr;
+bool gForkHandlersRegistered = false;
+
+void lockAllForFork() {
+    pthread_mutex_lock(&gRegistryLock);
+    for (auto* state = gLive; state; state = state->nextLive) {
+        state->cond->lock();
+    }
+}
+
+void unlockAllAfterFork() {
+    for (auto* state = gLive; state; state = state->nextLive) {
+        state->cond->unlock();
+    }
+    pthread_mutex_unlock(&gRegistryLock);
+}
+
+void resetAllInForkChild() {
+    for (auto* state = gLive; state; state = state->nextLive) {
+        // Queued tasks belong to the parent's transfers; releasing them here would run their
+        // clean-up in a process that does not own what they refer to. They are left alone.
+        static std::deque<kiv_shared_ptr<ASRDispatchTaskBase>>* abandoned = nullptr;
+        if (!abandoned) {
+            abandoned = new std::deque<kiv_shared_ptr<ASRDispatchTaskBase>>;
+        }
+        for (auto& task : state->queue) {
+            abandoned->push_back(std::move(task));
+        }
+        state->queue.clear();
+        state->workers = 0;
+        state->idle = 0;
+        state->wakeups = 0;
+        state->unclaimedStarters = 0;
+        // The condition still counts the parent's idle workers as waiters; a fresh one is built
+        // over it (not destroyed: glibc would wait for those waiters forever).
+        state->cond.rebuild(0);
+    }
+    pthread_mutex_init(&gRegistryLock, nullptr);
+}
+
+}  // namespace
+
+GlobalThreadPool::PoolState::PoolState(int core, int max, int idleMs, size_t stack)
+    : cond(0),
+      coreCount(core > 0 ? core : 1),
+      maxCount(max > coreCount ? max : coreCount),  // the cap never goes below the core
+      idleTimeoutMs(idleMs > 0 ? idleMs : 0),
+      stackBytes(stack) {
+    pthread_mutex_lock(&gRegistryLock);
+    if (!gForkHandlersRegistered) {
+        gForkHandlersRegistered = true;
+        pthread_atfork(&lockAllForFork, &unlockAllAfterFork, &resetAllInForkChild);
+    }
+    nextLive = gLive;
+    if (gLive) {
+        gLive->prevLive = this;
+    }
+    gLive = this;
+    pthread_mutex_unlock(&gRegistryLock);
+}
+
+GlobalThreadPool::PoolState::~PoolState() {
+    pthread_mutex_lock(&gRegistryLock);
+    if (prevLive) {
+        prevLive->nextLive = nextLive;
+    } else {
+        gLive = nextLive;
+    }
+    if (nextLive) {
+        nextLive->prevLive = prevLive;
+    }
+    pthread_mutex_unlock(&gRegistryLock);
+    cond->~AppConditionMutex();
+}
 
 namespace {
 
@@ -51,8 +139,8 @@ using State = GlobalThreadPool::PoolState;
 
 class StateLock {
 public:
-    explicit StateLock(State* state) : iState(state) { iState->cond.lock(); }
-    ~StateLock() { iState->cond.unlock(); }
+    explicit StateLock(State* state) : iState(state) { iState->cond->lock(); }
+    ~StateLock() { iState->cond->unlock(); }
     StateLock(const StateLock&) = delete;
     StateLock& operator=(const StateLock&) = delete;
 
@@ -103,18 +191,18 @@ void workerLoop(State* state, bool coreStarter) {
         if (!state->queue.empty()) {
             kiv_shared_ptr<ASRDispatchTaskBase> task = state->queue.front();
             state->queue.pop_front();
-            state->cond.unlock();
+            state->cond->unlock();
             try {
                 runTask(task);
             } catch (...) {
                 // Forced unwind (the task ended the thread): release the task without the lock,
                 // uncount the worker and let the thread end; the guard unlocks.
                 task = static_cast<ASRDispatchTaskBase*>(nullptr);
-                state->cond.lock();
+                state->cond->lock();
                 --state->workers;
                 throw;
             }
-            state->cond.lock();
+            state->cond->lock();
             continue;
         }
 
@@ -139,9 +227,9 @@ void workerLoop(State* state, bool coreStarter) {
                 break;
             }
             if (extra) {
-                state->cond.waitUntilMs(deadline);
+                state->cond->waitUntilMs(deadline);
             } else {
-                state->cond.wait();
+                state->cond->wait();
             }
         }
         if (retire) {
@@ -175,6 +263,9 @@ bool startWorker(const std::shared_ptr<State>& state, unsigned id, bool coreStar
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    if (state->stackBytes > 0) {
+        pthread_attr_setstacksize(&attributes, state->stackBytes);
+    }
     pthread_t thread;
     int rc = pthread_create(&thread, &attributes, &workerMain, start);
     pthread_attr_destroy(&attributes);
@@ -192,7 +283,7 @@ bool startWorker(const std::shared_ptr<State>& state, unsigned id, bool coreStar
 
 GlobalThreadPool::GlobalThreadPool()
     : iState(std::make_shared<PoolState>(GLOBAL_POOL_THREAD_COUNT, MAX_POOL_THREAD_COUNT,
-                                         EXTRA_WORKER_IDLE_MS)) {}
+                                         EXTRA_WORKER_IDLE_MS, WORKER_STACK_BYTES)) {}
 
 void GlobalThreadPool::initInstance() {
     State* state = iState.get();
@@ -226,7 +317,7 @@ GlobalThreadPool::~GlobalThreadPool() {
         iState->shutdown = true;
         neverStarted.swap(iState->queue);
     }
-    iState->cond.broadcast();
+    iState->cond->broadcast();
     // Tasks that never started are released here, outside the lock; running tasks stay with
     // their workers, which are not waited for.
     neverStarted.clear();
@@ -262,22 +353,22 @@ bool GlobalThreadPool::runTaskAsync(kiv_shared_ptr<ASRDispatchTaskBase> task) {
         // for the next worker that finishes.
     }
     if (wake) {
-        state->cond.signal();
+        state->cond->signal();
     }
     if (spawn && !startWorker(iState, id, false)) {
+        // The task was counted on a worker that does not exist. Unless a worker that has just
+        // finished took it meanwhile, take it back and refuse it: a task must never wait in the
+        // queue for a worker nobody will start.
         StateLock lock(state);
         --state->workers;
-        if (state->workers == 0) {
-            // No worker exists to run it, ever: take it back rather than drop it silently.
-            for (auto it = state->queue.begin(); it != state->queue.end(); ++it) {
-                if (it->getPTR() == task.getPTR()) {
-                    state->queue.erase(it);
-                    KIV_LOG(2,
-                            "[ERROR]-[%s][%s:275][GlobalThreadPool::runTaskAsync] this=%p no "
-                            "worker can be started, task=%p not queued\n",
-                            static_cast<void*>(this), static_cast<void*>(task.getPTR()));
-                    return false;
-                }
+        for (auto it = state->queue.begin(); it != state->queue.end(); ++it) {
+            if (it->getPTR() == task.getPTR()) {
+                state->queue.erase(it);
+                KIV_LOG(2,
+                        "[ERROR]-[%s][%s:275][GlobalThreadPool::runTaskAsync] this=%p no "
+                        "worker can be started, task=%p not queued\n",
+                        static_cast<void*>(this), static_cast<void*>(task.getPTR()));
+                return false;
             }
         }
     }

@@ -1,6 +1,7 @@
 #ifndef KIV_UTILITY_THREADS_GLOBALTHREADPOOL_H
 #define KIV_UTILITY_THREADS_GLOBALTHREADPOOL_H
 
+#include <cstddef>
 #include <memory>
 
 #include "core/utility/Memory/kiv_shared_ptr.h"
@@ -18,9 +19,11 @@ namespace Threads {
 //  - GLOBAL_POOL_THREAD_COUNT core workers are started by initInstance() and live as long as
 //    the pool;
 //  - runTaskAsync() queues the task (first in, first out) and, under the pool's mutex, hands it
-//    to an idle worker if there is one; otherwise it starts another worker at once, up to
-//    MAX_POOL_THREAD_COUNT workers in all, after which tasks wait in the queue for the next
-//    worker that finishes;
+//    to an idle worker if there is one; otherwise it starts another worker at once. There is no
+//    cap by default: a worker per running transfer, as many as the system lets us create. When
+//    a worker cannot be created (pthread_create fails), the task is taken back and refused
+//    (runTaskAsync returns false), never left waiting. Only a cap set by the application
+//    (MAX_POOL_THREAD_COUNT) makes tasks wait in the queue for the next worker that finishes;
 //  - a worker above the core count that stays idle for EXTRA_WORKER_IDLE_MS ends.
 //  Idle workers are counted exactly: a worker that has been handed a wake-up but has not yet
 //  run is no longer counted as idle, so a burst of N tasks starts as many workers as needed to
@@ -33,6 +36,14 @@ namespace Threads {
 // runs lock-free too. A C++ exception that leaves a task is logged and the worker carries on;
 // a task that ends its thread (pthread_exit, cancellation) is released, and the worker is
 // uncounted so that a new one can be started in its place.
+//
+// Workers run on WORKER_STACK_BYTES stacks. What a stack costs in memory is the pages a thread
+// touches, not the reserved size, so the size only bounds address space; 512 KiB leaves libcurl,
+// OpenSSL and the application's callbacks ample room.
+//
+// fork(): the pool's lock is held across fork(), and a child process starts with an empty pool
+// state (no workers, nothing queued; the parent's queued tasks are left untouched) and starts
+// workers of its own as tasks arrive.
 //
 // Shut-down (the pool is destroyed through the singleton's strong static at process exit, with
 // transfers possibly still running or blocked for minutes). The queue, the mutex, the condition
@@ -53,10 +64,13 @@ class GlobalThreadPool {
 public:
     // Number of core workers (kept while the pool lives). Read when a pool is constructed.
     static int GLOBAL_POOL_THREAD_COUNT;
-    // Upper bound on the number of workers; further tasks queue. Read when a pool is constructed.
+    // Upper bound on the number of workers (default: none); with a bound, further tasks queue.
+    // Read when a pool is constructed.
     static int MAX_POOL_THREAD_COUNT;
     // How long a worker above the core count stays idle before it ends. Read at construction.
     static int EXTRA_WORKER_IDLE_MS;
+    // Stack size of a worker thread (0: the system's default). Read when a pool is constructed.
+    static size_t WORKER_STACK_BYTES;
 
     GlobalThreadPool();
 
@@ -68,8 +82,8 @@ public:
     virtual ~GlobalThreadPool();
 
     // Queues `task` and returns at once; a worker runs it later and then drops the pool's
-    // reference. Returns false (and logs) for an empty reference, or when no worker exists and
-    // none could be started; true when the task was queued.
+    // reference. Returns false (and logs) for an empty reference, or when the task needs a new
+    // worker and none could be started (the task is then not queued); true when it was queued.
     bool runTaskAsync(kiv::Memory::kiv_shared_ptr<ASRDispatchTaskBase> task);
 
     // Diagnostics (a snapshot, for tests and benchmarks): workers alive, of which idle, and

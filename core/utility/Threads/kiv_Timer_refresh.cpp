@@ -78,7 +78,8 @@ kiv_shared_ptr<RefreshTimer> RefreshTimer::createTimerWithTask(
             timeoutMS);
         timeoutMS = 0;
     }
-    kiv_shared_ptr<RefreshTimer> timer(new RefreshTimer(task, timeoutMS));
+    kiv_shared_ptr<RefreshTimer> timer =
+        kiv_shared_ptr<RefreshTimer>::adoptNew(new RefreshTimer(task, timeoutMS));
     // Both container nodes are allocated here, outside the lock; under it they are only linked.
     TimerList listNode;
     listNode.push_back(timer);

@@ -1,12 +1,19 @@
 #include "core/utility/Networking/impl_curl/asr_http_task_CURL.h"
 
-#include <sys/time.h>
+#include <cxxabi.h>
+#include <strings.h>
+#include <time.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <exception>
+#include <memory>
 #include <string>
 
 #include "core/EventManager/EventManagerDecChunk.h"
 #include "core/utility/Memory/singleton.h"
+#include "core/utility/Networking/impl_curl/host_pinning.h"
 #include "core/utility/Threads/AppThreadTask.h"
 #include "core/utility/Threads/GlobalThreadPool.h"
 #include "core/utility/Threads/Synchronization/AppLock.h"
@@ -41,32 +48,181 @@ void set_progress_function(CURL* handle, Callback callback) {
 // The body of every chunked download: one zero byte, alive for the whole process.
 const char kDownloadBody[1] = {0};
 
-// Sets the host-pinning options in their fixed order.
-void set_pinning(CURL* curl, curl_slist* hostMap, const std::string& url) {
-    curl_easy_setopt(curl, CURLOPT_RESOLVE, hostMap);
+const char kTransferErrorMessage[] = "[kiv_Chunk_Connection]downStream encouter error.";
+
+// The delivery gate's bits (see `_gate`).
+constexpr uint32_t kCancelled = 1;
+constexpr uint32_t kEnded = 2;
+constexpr uint32_t kWaiter = 4;
+constexpr uint32_t kOneDelivery = 8;
+constexpr int kDeliveryShift = 3;
+
+// What a start operation returns when the request's URLs cannot be used (besides 0 for
+// started, -999 for no libcurl handle and -1 for no worker).
+constexpr int kStartBadUrl = -2;
+
+// Bytes an upload may hold queued and unsent when the request sets no limit of its own.
+constexpr long kDefaultUploadQueueLimit = 64L * 1024 * 1024;
+// How much of an upload's reply body the final delivery carries.
+constexpr size_t kUploadReplyLimit = 1024 * 1024;
+// An upload reader waiting for bytes sleeps until send_data, the last mark or cancel() wakes
+// it; all three change the state under the lock it waits with, so no wake-up can be missed.
+// The deadline is only a safety net and costs one wake-up per idle upload every few seconds.
+constexpr long kReaderSafetyWaitMs = 5000;
+
+// The task whose delivery this thread is running: cancel() from inside a delivery must not wait
+// for that delivery to finish.
+thread_local const kiv_HttpTask_impl* tl_delivering = nullptr;
+
+// Appends one line to a libcurl list. On failure the list is left as it was (curl_slist_append
+// returns null then, and overwriting the list with it would lose every earlier line).
+bool append_line(curl_slist*& list, const char* line) {
+    curl_slist* longer = curl_slist_append(list, line);
+    if (!longer) {
+        return false;
+    }
+    list = longer;
+    return true;
+}
+
+// Certificate verification asked for by the request's TLS fields; nothing when none is set,
+// so the fixed behaviour of each path stays as it was. Set after a path's own options, which it
+// overrides.
+void set_verification(CURL* curl, const kiv_HttpRequest& request) {
+    const bool ca = !request._CA_FILE.empty() || !request._CA_PATH.empty();
+    const bool pin = !request._PINNED_PUBLIC_KEY.empty();
+    if (!request._VERIFY_TLS && !ca && !pin) {
+        return;
+    }
+    // A pinned key alone is the trust anchor: the chain need not lead to a known CA, but the key
+    // (checked by libcurl whatever VERIFYPEER says) and the host name must match.
+    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, (request._VERIFY_TLS || ca) ? 1L : 0L);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    if (!request._CA_FILE.empty()) {
+        curl_easy_setopt(curl, CURLOPT_CAINFO, request._CA_FILE.c_str());
+    }
+    if (!request._CA_PATH.empty()) {
+        curl_easy_setopt(curl, CURLOPT_CAPATH, request._CA_PATH.c_str());
+    }
+    if (pin) {
+        curl_easy_setopt(curl, CURLOPT_PINNEDPUBLICKEY, request._PINNED_PUBLIC_KEY.c_str());
+    }
+}
+
+// What a one-shot request with a body sink hands its write function.
+struct BodySink {
+    kiv_HttpRequest* request;
+    bool refused;
+};
+
+size_t sink_body(char* ptr, size_t size, size_t nmemb, void* userdata) {
+    auto* sink = static_cast<BodySink*>(userdata);
+    const size_t len = size * nmemb;
+    try {
+        if (sink->request->_BODY_SINK(ptr, len)) {
+            return len;
+        }
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        KIV_LOG(2, "[ERROR]-[%s][%s:150][ASRHttpTask::execute] body sink threw\n");
+    }
+    sink->refused = true;
+    return 0;
+}
+
+int trace_transfer(CURL*, curl_infotype type, char* data, size_t size, void* userdata) {
+    auto* request = static_cast<kiv_HttpRequest*>(userdata);
+    kiv_HttpTraceKind kind;
+    switch (type) {
+        case CURLINFO_TEXT:
+            kind = KIV_HTTP_TRACE_TEXT;
+            break;
+        case CURLINFO_HEADER_OUT:
+            kind = KIV_HTTP_TRACE_HEAD_OUT;
+            break;
+        case CURLINFO_HEADER_IN:
+            kind = KIV_HTTP_TRACE_HEAD_IN;
+            break;
+        default:
+            return 0;
+    }
+    try {
+        request->_TRACE_SINK(kind, data, size);
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        // A trace sink that throws loses its own lines; the transfer goes on.
+    }
+    return 0;
+}
+
+// The monotonic clock, `ms` from now.
+timespec monotonic_after(long ms) {
+    timespec at;
+    clock_gettime(CLOCK_MONOTONIC, &at);
+    long nsec = at.tv_nsec + (ms % 1000) * 1000000L;
+    at.tv_sec += ms / 1000 + nsec / 1000000000L;
+    at.tv_nsec = nsec % 1000000000L;
+    return at;
 }
 
 }  // namespace
 
+// ---------------------------------------------------------------------------------------------
+// The libcurl holder
+
+void wrap_params::release() {
+    if (headers) {
+        curl_slist_free_all(headers);
+        headers = nullptr;
+    }
+    if (resolve) {
+        curl_slist_free_all(resolve);
+        resolve = nullptr;
+    }
+    if (curl) {
+        curl_easy_cleanup(curl);
+        curl = nullptr;
+    }
+}
+
+std::string wrap_params::errorText(CURLcode code) const {
+    if (code == CURLE_OK) {
+        return std::string();
+    }
+    std::string text(errorBuffer, strnlen(errorBuffer, sizeof errorBuffer));
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+        text.pop_back();
+    }
+    return text.empty() ? std::string(curl_easy_strerror(code)) : text;
+}
+
+// ---------------------------------------------------------------------------------------------
+// One-shot request
+
 kiv_shared_ptr<kiv_http_request_maker> kiv_http_request_maker::get_instance() {
     KIV_LOG(5, "[DEBUG]-[%s][%s:21][asr_http_task_CURL::get_instance] +\n");
-    kiv_shared_ptr<kiv_HttpTask_impl> task(new kiv_HttpTask_impl());
     kiv_shared_ptr<kiv_http_request_maker> result;
-    result.copyControlObject(&task);
-    if (result.getPTR()) {
-        // Before anyone else can see the task, so selfRef is read without a lock afterwards.
-        task->selfRef = result;
+    try {
+        kiv_shared_ptr<kiv_HttpTask_impl> task =
+            kiv_shared_ptr<kiv_HttpTask_impl>::adoptNew(new kiv_HttpTask_impl());
+        result.copyControlObject(&task);
+        if (result.getPTR()) {
+            // Before anyone else can see the task, so selfRef is read without a lock afterwards.
+            task->selfRef = result;
+        }
+        task = static_cast<kiv_HttpTask_impl*>(nullptr);
+    } catch (const std::bad_alloc&) {
+        KIV_LOG(2, "[ERROR]-[%s][%s:25][asr_http_task_CURL::get_instance] out of memory\n");
+        return kiv_shared_ptr<kiv_http_request_maker>();
     }
-    task = static_cast<kiv_HttpTask_impl*>(nullptr);
     KIV_LOG(5, "[DEBUG]-[%s][%s:28][asr_http_task_CURL::get_instance] -\n");
     return result;
 }
 
 kiv_shared_ptr<kiv_HttpResponse> kiv_http_request_maker::execute(
-    kiv_shared_ptr<kiv_HttpRequest> request) {
+    kiv_shared_ptr<kiv_HttpRequest> request) try {
     kiv_HttpRequest* req = request.getPTR();
     if (!req) {
         KIV_LOG(2, "[ERROR]-[%s][%s:35][ASRHttpTask::execute] request is NULL\n");
@@ -85,22 +241,26 @@ kiv_shared_ptr<kiv_HttpResponse> kiv_http_request_maker::execute(
         return kiv_shared_ptr<kiv_HttpResponse>();
     }
 
-    CURL* curl_handle = curl_easy_init();
+    wrap_params transfer;  // frees the handle and the list on every way out
+    transfer.curl = curl_easy_init();
     long status = 200;
 
-    curl_slist* header = nullptr;
+    bool headersComplete = true;
     std::string line;
     for (const auto& entry : req->_HEADER_LIST) {
         line.assign(entry.first).append(": ").append(entry.second);
-        header = curl_slist_append(header, line.c_str());
+        headersComplete = headersComplete && append_line(transfer.headers, line.c_str());
     }
 
     KIV_LOG(5, "[DEBUG]-[%s][%s:86][ASRHttpTask::execute] url = %s\n", url);
 
     kiv_shared_ptr<kiv_HttpResponse> response = kiv_HttpResponse::alloc();
     CURLcode curl_return_code = CURLE_FAILED_INIT;
+    BodySink sink{req, false};
 
-    if (curl_handle) {
+    if (transfer.curl && !headersComplete) {
+        curl_return_code = CURLE_OUT_OF_MEMORY;  // never send a request without its header lines
+    } else if (CURL* curl_handle = transfer.curl) {
         if (strncmp(url, "https://", 8) == 0) {
             curl_easy_setopt(curl_handle, CURLOPT_SSL_VERIFYPEER, 0L);
             curl_easy_setopt(curl_handle, CURLOPT_SSL_VERIFYHOST, 0L);
@@ -109,7 +269,7 @@ kiv_shared_ptr<kiv_HttpResponse> kiv_http_request_maker::execute(
         curl_easy_setopt(curl_handle, CURLOPT_URL, url);
         curl_easy_setopt(curl_handle, CURLOPT_VERBOSE, 0L);
         curl_easy_setopt(curl_handle, CURLOPT_TIMEOUT_MS, req->_TIMEOUT_MS);
-        curl_easy_setopt(curl_handle, CURLOPT_HTTPHEADER, header);
+        curl_easy_setopt(curl_handle, CURLOPT_HTTPHEADER, transfer.headers);
         if (hasBody) {
             curl_easy_setopt(curl_handle, CURLOPT_POSTFIELDS, req->_BODY_DATA.getPTR());
             curl_easy_setopt(curl_handle, CURLOPT_POSTFIELDSIZE, req->_BODY_LENGTH);
@@ -124,11 +284,34 @@ kiv_shared_ptr<kiv_HttpResponse> kiv_http_request_maker::execute(
                          &kiv_HttpTask_impl::http_receive_header_cb);
         curl_easy_setopt(curl_handle, CURLOPT_HEADERDATA, response.getPTR());
 
+        // What the request adds to the fixed steps above.
+        curl_easy_setopt(curl_handle, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+        set_verification(curl_handle, *req);
+        if (req->_MAX_REDIRECTS > 0) {
+            curl_easy_setopt(curl_handle, CURLOPT_FOLLOWLOCATION, 1L);
+            curl_easy_setopt(curl_handle, CURLOPT_MAXREDIRS, req->_MAX_REDIRECTS);
+        }
+        if (!req->_CUSTOM_METHOD.empty()) {
+            curl_easy_setopt(curl_handle, CURLOPT_CUSTOMREQUEST, req->_CUSTOM_METHOD.c_str());
+            if (req->_CUSTOM_METHOD == "HEAD") {
+                curl_easy_setopt(curl_handle, CURLOPT_NOBODY, 1L);
+            }
+        }
+        if (req->_BODY_SINK) {
+            curl_easy_setopt(curl_handle, CURLOPT_WRITEFUNCTION, &sink_body);
+            curl_easy_setopt(curl_handle, CURLOPT_WRITEDATA, &sink);
+        }
+        if (req->_TRACE_SINK) {
+            curl_easy_setopt(curl_handle, CURLOPT_DEBUGFUNCTION, &trace_transfer);
+            curl_easy_setopt(curl_handle, CURLOPT_DEBUGDATA, req);
+            curl_easy_setopt(curl_handle, CURLOPT_VERBOSE, 1L);
+        }
+
         curl_return_code = curl_easy_perform(curl_handle);
         curl_easy_getinfo(curl_handle, CURLINFO_RESPONSE_CODE, &status);
-        curl_easy_cleanup(curl_handle);
     }
-    curl_slist_free_all(header);
+    std::string curlError = transfer.errorText(curl_return_code);
+    transfer.release();
 
     KIV_LOG(5,
             "[DEBUG]-[%s][%s:121][ASRHttpTask::execute][curl_code=%d, http_stauts=%ld, "
@@ -138,7 +321,10 @@ kiv_shared_ptr<kiv_HttpResponse> kiv_http_request_maker::execute(
 
     if (curl_return_code == CURLE_OK) {
         response->set_http_status(static_cast<int32_t>(status));
-    } else if (curl_return_code == CURLE_ABORTED_BY_CALLBACK) {
+        return response;
+    }
+    response->set_curl_error(static_cast<int32_t>(curl_return_code), std::move(curlError));
+    if (curl_return_code == CURLE_ABORTED_BY_CALLBACK || sink.refused) {
         KIV_LOG(5, "[DEBUG]-[%s][%s:126][ASRHttpTask::execute] curl is aborted by call back\n");
         response->set_local_request_error(HTTP_REQUEST_ABORTED);
     } else {
@@ -146,6 +332,14 @@ kiv_shared_ptr<kiv_HttpResponse> kiv_http_request_maker::execute(
                 static_cast<int>(curl_return_code));
     }
     return response;
+} catch (abi::__forced_unwind&) {
+    throw;
+} catch (const std::exception& e) {
+    KIV_LOG(2, "[ERROR]-[%s][%s:133][ASRHttpTask::execute] failed: %s\n", e.what());
+    return kiv_shared_ptr<kiv_HttpResponse>();
+} catch (...) {
+    KIV_LOG(2, "[ERROR]-[%s][%s:136][ASRHttpTask::execute] failed\n");
+    return kiv_shared_ptr<kiv_HttpResponse>();
 }
 
 int kiv_HttpTask_impl::http_progress_cb(void* clientp, double, double, double, double) {
@@ -161,13 +355,17 @@ size_t kiv_HttpTask_impl::http_receive_data_cb(void* ptr, size_t size, size_t nm
         KIV_LOG(2, "[ERROR]-[%s][%s:143][ASRHttpTask::http_receive_data_cb] response is NULL\n");
         return len;
     }
-    static_cast<kiv_HttpResponse*>(stream)->receive_new_data(static_cast<const char*>(ptr),
-                                                             static_cast<uint32_t>(len));
+    try {
+        static_cast<kiv_HttpResponse*>(stream)->receive_new_data(static_cast<const char*>(ptr),
+                                                                 static_cast<uint32_t>(len));
+    } catch (const std::bad_alloc&) {
+        return 0;  // the body cannot be kept: end the transfer (a write error) rather than lie
+    }
     return len;
 }
 
 size_t kiv_HttpTask_impl::http_receive_header_cb(char* buffer, size_t size, size_t nitems,
-                                                 void* userdata) {
+                                                 void* userdata) try {
     const size_t len = size * nitems;
     auto* response = static_cast<kiv_HttpResponse*>(userdata);
     if (!response || !buffer) {
@@ -175,6 +373,12 @@ size_t kiv_HttpTask_impl::http_receive_header_cb(char* buffer, size_t size, size
     }
     const char* begin = buffer;
     const char* end = buffer + len;
+    const char* lineEnd = end;
+    while (lineEnd > begin && (lineEnd[-1] == '\n' || lineEnd[-1] == '\r')) {
+        --lineEnd;
+    }
+    response->add_header_line(std::string(begin, lineEnd));
+
     const char* separator = buffer;
     while (separator < end && *separator != ':' && *separator != '\0') {
         ++separator;
@@ -197,6 +401,8 @@ size_t kiv_HttpTask_impl::http_receive_header_cb(char* buffer, size_t size, size
     KIV_LOG(6, "[TRACE]-[%s][%s:204]HEADER_KEY: %s, VALUE: %s\n\n", key.c_str(), value.c_str());
     response->setResponseHeader(std::move(key), std::move(value));
     return len;
+} catch (const std::bad_alloc&) {
+    return 0;  // a head that cannot be recorded ends the transfer
 }
 
 }  // namespace Networking
@@ -215,15 +421,41 @@ kiv_HttpTask_impl::kiv_HttpTask_impl()
       _is_last(false),
       _is_https(false),
       _total_size(0),
-      notEmpty(new AppConditionMutex(0)),
+      notEmpty(nullptr),
       _method(HTTP_REQUEST_METHOD_GET),
       _timer_mutex(nullptr),
       _audio_queue_mutex(nullptr),
-      _started(false) {
+      _started(false),
+      _hasUserParam(false),
+      _transferParam(nullptr),
+      _gate(0),
+      _upload_failed(false),
+      _refused_bytes(0),
+      _queue_limit(kDefaultUploadQueueLimit),
+      _bytes_sent(0),
+      _spare_timeout_message("[kiv_httptask_impl] downStream timeout.") {
+    // Everything that can fail is made first, so a failure leaks nothing (the members above
+    // are destroyed by the language, the ones below by the holders).
+    auto condition = std::make_unique<AppConditionMutex>(0);
+    auto timerMutex = std::make_unique<AppMutex>(false);
+    auto queueMutex = std::make_unique<AppMutex>(false);
+    // The final delivery never needs memory: when a response cannot be made at the end, this
+    // one reports the error instead.
+    _spare_final = kiv_HttpResponse::alloc();
+    _spare_final->set_local_request_error(HTTP_REQUEST_CHUNK_REQ_ERROR);
+    _spare_final->setErrorMessage(kTransferErrorMessage);
+
     pthread_mutex_init(&_cond_mutex, nullptr);
-    pthread_cond_init(&_cond, nullptr);
-    _timer_mutex = new AppMutex(false);
-    _audio_queue_mutex = new AppMutex(false);
+    // The upload reader's deadlines are on the monotonic clock, so a wall-clock change can
+    // neither stall it nor make it spin.
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_init(&_cond, &attributes);
+    pthread_condattr_destroy(&attributes);
+    notEmpty = condition.release();
+    _timer_mutex = timerMutex.release();
+    _audio_queue_mutex = queueMutex.release();
 }
 
 kiv_HttpTask_impl::~kiv_HttpTask_impl() {
@@ -238,12 +470,134 @@ kiv_HttpTask_impl::~kiv_HttpTask_impl() {
 }
 
 bool kiv_HttpTask_impl::isCancelled() {
-    return __atomic_load_n(&_is_canceled, __ATOMIC_ACQUIRE);
+    return (_gate.load(std::memory_order_acquire) & kEnded) != 0;
 }
 
-bool kiv_HttpTask_impl::claimEnd() {
-    return !__atomic_exchange_n(&_is_canceled, true, __ATOMIC_ACQ_REL);
+int64_t kiv_HttpTask_impl::bytes_sent() {
+    return _bytes_sent.load(std::memory_order_relaxed);
 }
+
+// ---------------------------------------------------------------------------------------------
+// The delivery gate
+//
+// Every delivery is admitted by one compare-and-swap on `_gate` that fails once the task has
+// ended, and counted while it runs; cancel() ends the task with one atomic OR and then waits for
+// the count to drain. So a delivery either was admitted before cancel()'s OR, and cancel() waits
+// for it, or it is refused: none can start after cancel() has returned. The slow path (a thread
+// waiting for running deliveries) uses `notEmpty`; `kWaiter` tells a leaving delivery that
+// someone may be waiting, so the common path takes no lock at all.
+
+bool kiv_HttpTask_impl::enterDelivery(bool final) {
+    uint32_t gate = _gate.load(std::memory_order_acquire);
+    for (;;) {
+        if (gate & kEnded) {
+            return false;
+        }
+        const uint32_t next = (gate + kOneDelivery) | (final ? kEnded : 0u);
+        if (_gate.compare_exchange_weak(gate, next, std::memory_order_acq_rel,
+                                        std::memory_order_acquire)) {
+            break;
+        }
+    }
+    if (!final) {
+        return true;
+    }
+    __atomic_store_n(&_is_canceled, true, __ATOMIC_RELEASE);
+    // A piece delivery still running on another thread (the worker, while the timer thread
+    // times the download out) finishes first: a final delivery is the last one the caller sees,
+    // and two deliveries of one task never run at once.
+    waitDeliveries(1);
+    if (_gate.load(std::memory_order_acquire) & kCancelled) {
+        leaveDelivery();
+        return false;
+    }
+    return true;
+}
+
+void kiv_HttpTask_impl::leaveDelivery() {
+    const uint32_t before = _gate.fetch_sub(kOneDelivery, std::memory_order_acq_rel);
+    if (before & kWaiter) {
+        notEmpty->lock();
+        notEmpty->broadcast();
+        notEmpty->unlock();
+    }
+}
+
+void kiv_HttpTask_impl::waitDeliveries(uint32_t allowed) {
+    if ((_gate.load(std::memory_order_acquire) >> kDeliveryShift) <= allowed) {
+        return;
+    }
+    notEmpty->lock();
+    _gate.fetch_or(kWaiter, std::memory_order_acq_rel);
+    while ((_gate.load(std::memory_order_acquire) >> kDeliveryShift) > allowed) {
+        notEmpty->wait();
+    }
+    notEmpty->unlock();
+}
+
+bool kiv_HttpTask_impl::endSilently() {
+    const uint32_t before = _gate.fetch_or(kEnded, std::memory_order_acq_rel);
+    __atomic_store_n(&_is_canceled, true, __ATOMIC_RELEASE);
+    return (before & kEnded) == 0;
+}
+
+bool kiv_HttpTask_impl::deliver(kiv_shared_ptr<kiv_HttpResponse>& response,
+                                kiv_shared_ptr_base* param) {
+    // Leaves the gate on every way out, a thread cancellation unwinding through here included.
+    struct Admitted {
+        kiv_HttpTask_impl* task;
+        const kiv_HttpTask_impl* outer;
+        explicit Admitted(kiv_HttpTask_impl* t) : task(t), outer(tl_delivering) {
+            tl_delivering = t;
+        }
+        ~Admitted() {
+            tl_delivering = outer;
+            task->leaveDelivery();
+        }
+    } admitted(this);
+
+    kiv_shared_ptr<kiv_http_request_maker> maker = selfRef.getPTR();
+    if (!maker.getPTR() || !my_callbackFn) {
+        return true;
+    }
+    try {
+        my_callbackFn(maker, response, param);
+        return true;
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& e) {
+        KIV_LOG(2, "[ERROR]-[%s][%s:380][kiv_HttpTask_impl::deliver] this=%p callback threw: %s\n",
+                static_cast<void*>(this), e.what());
+    } catch (...) {
+        KIV_LOG(2, "[ERROR]-[%s][%s:383][kiv_HttpTask_impl::deliver] this=%p callback threw\n",
+                static_cast<void*>(this));
+    }
+    return false;
+}
+
+void kiv_HttpTask_impl::deliverError(int32_t curlCode, const std::string& curlError,
+                                     kiv_shared_ptr_base* param) {
+    if (!enterDelivery(true)) {
+        return;
+    }
+    kiv_shared_ptr<kiv_HttpResponse> resp;
+    try {
+        resp = kiv_HttpResponse::alloc();
+        resp->set_local_request_error(HTTP_REQUEST_CHUNK_REQ_ERROR);
+        resp->setErrorMessage(kTransferErrorMessage);
+    } catch (const std::bad_alloc&) {
+        resp = _spare_final;  // made with the task, for exactly this
+    }
+    try {
+        resp->set_curl_error(curlCode, curlError);
+    } catch (const std::bad_alloc&) {
+        // The code is set; only its text is lost.
+    }
+    deliver(resp, param);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Start and cancel
 
 void kiv_HttpTask_impl::start_request(kiv_shared_ptr<kiv_HttpRequest> request,
                                       request_callback_fn callbackFn,
@@ -262,30 +616,74 @@ void kiv_HttpTask_impl::start_request(kiv_shared_ptr<kiv_HttpRequest> request,
                 static_cast<void*>(this));
         return;
     }
-    {
-        // The queue is swapped under the hand-off lock so that a send_data racing with the
-        // start sees either no queue or the new one.
-        kiv_shared_ptr<PCMQueue> queue = PCMQueue::newQueue(0);
-        PthreadLockGuard lock(_cond_mutex);
-        _upload_data = queue;
-    }
     my_callbackFn = callbackFn;
     _callbackUserParam = callbackUserParam;
-    if (callbackUserParam) {
-        _userParamHold.copyControlObject(callbackUserParam);
-    }
+    _hasUserParam = callbackUserParam != nullptr;
     _method = request->_METHOD;
-    if (_method == HTTP_REQUEST_METHOD_CHUNK_UP) {
-        uploadChunkStart(request);
-    } else if (_method == HTTP_REQUEST_METHOD_CHUNK_DOWN) {
-        downloadChunkStart(request);
+    if (request->_UPLOAD_QUEUE_LIMIT > 0) {
+        _queue_limit = request->_UPLOAD_QUEUE_LIMIT;
     }
+    int started = 0;
+    int32_t failure = CURLE_OK;
+    const char* reason = "";
+    try {
+        if (callbackUserParam) {
+            _userParamHold.copyControlObject(callbackUserParam);
+        }
+        // Installed last and under the hand-off lock: a send_data racing with the start sees
+        // either no queue (and does nothing) or the queue with everything above in place.
+        kiv_shared_ptr<PCMQueue> queue = PCMQueue::newQueue(0);
+        {
+            PthreadLockGuard lock(_cond_mutex);
+            _upload_data = queue;
+        }
+        if (_method == HTTP_REQUEST_METHOD_CHUNK_UP) {
+            started = uploadChunkStart(request);
+        } else if (_method == HTTP_REQUEST_METHOD_CHUNK_DOWN) {
+            started = downloadChunkStart(request);
+        } else {
+            _userParamHold = static_cast<EventManagerDecChunk*>(nullptr);
+            return;
+        }
+        if (started == -999) {
+            failure = CURLE_FAILED_INIT;
+            reason = "init curl failed";
+        } else if (started == kStartBadUrl) {
+            failure = CURLE_URL_MALFORMAT;
+            reason = _pin_failure.c_str();
+        } else if (started != 0) {
+            reason = "no worker thread could be started for the transfer";
+        }
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception&) {
+        started = -1;
+        failure = CURLE_OUT_OF_MEMORY;
+        reason = "out of memory while starting the transfer";
+    }
+    if (started == 0) {
+        return;
+    }
+    // Nothing was handed to a worker: this thread owns the caller's object and makes the one
+    // final delivery that every started exchange gets.
+    KIV_LOG(2, "[ERROR]-[%s][%s:740][kiv_HttpTask_impl::start_request] this=%p not started: %s\n",
+            static_cast<void*>(this), reason);
+    kiv_shared_ptr<EventManagerDecChunk> hold = _userParamHold;
+    _userParamHold = static_cast<EventManagerDecChunk*>(nullptr);
+    std::string text;
+    try {
+        text = reason;
+    } catch (const std::bad_alloc&) {
+    }
+    deliverError(failure, text, _hasUserParam ? &hold : nullptr);
 }
 
 void kiv_HttpTask_impl::cancel() {
     KIV_LOG(5, "[DEBUG]-[%s][%s:662][kiv_HttpTask_impl::cancel] this=%p +\n",
             static_cast<void*>(this));
-    if (claimEnd()) {
+    const uint32_t before = _gate.fetch_or(kCancelled | kEnded, std::memory_order_acq_rel);
+    __atomic_store_n(&_is_canceled, true, __ATOMIC_RELEASE);
+    if (!(before & kEnded)) {
         {
             PthreadLockGuard lock(_cond_mutex);
             pthread_cond_broadcast(&_cond);
@@ -300,6 +698,9 @@ void kiv_HttpTask_impl::cancel() {
             _timer = static_cast<RefreshTimer*>(nullptr);
         }
     }
+    if (tl_delivering != this) {
+        waitDeliveries(0);
+    }
     KIV_LOG(5, "[DEBUG]-[%s][%s:678][kiv_HttpTask_impl::cancel] -\n");
 }
 
@@ -307,34 +708,50 @@ void kiv_HttpTask_impl::cancel() {
 // Driver
 
 void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
-    // Keeps the caller's per-stream object alive for the whole transfer. The reference was
-    // taken by start_request: the caller's parameter storage may be gone by the time a busy
-    // pool starts this transfer.
+    // The layer's own reference to the caller's per-stream object: deliveries pass its address,
+    // so the caller's variable may be long gone. Taken by start_request, where the caller's
+    // parameter was sure to be valid; it lives until this function returns (and, through the
+    // timeout task's copy, until a timeout delivery is over).
     kiv_shared_ptr<EventManagerDecChunk> chunk_tmp = _userParamHold;
     _userParamHold = static_cast<EventManagerDecChunk*>(nullptr);
+    kiv_shared_ptr_base* param = _hasUserParam ? &chunk_tmp : nullptr;
     auto* ps = static_cast<kiv_shared_ptr<wrap_params>*>(params);
     wrap_params* record = ps ? ps->getPTR() : nullptr;
     if (!record || !record->curl) {
-        return;  // the start operations never dispatch without a handle
+        deliverError(CURLE_FAILED_INIT, "no transfer to run", param);
+        return;
     }
     CURL* curl = record->curl;
     const bool isDownload = _method == HTTP_REQUEST_METHOD_CHUNK_DOWN;
+    _transferParam = param;
 
-    if (isDownload) {
-        KIV_LOG(5, "[DEBUG]-[%s][%s:289][kiv_HttpTask_impl::performRequest]this=%p, set timer\n",
-                static_cast<void*>(this));
-        AppLock lock(_timer_mutex);
-        kiv_shared_ptr<kiv_HttpTask_impl> child;
-        child.copyControlObject(&selfRef);
-        kiv_shared_ptr<ASRDispatchTaskBase> task(
-            new ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>(
-                child, &kiv_HttpTask_impl::timer_callback, nullptr));
-        _timer = RefreshTimer::createTimerWithTask(task, RESPONSE_TIME_OUT_MS);
+    CURLcode code = CURLE_OK;
+    long status = 200;
+    bool timerFired = false;
+    try {
+        if (isDownload) {
+            KIV_LOG(5,
+                    "[DEBUG]-[%s][%s:289][kiv_HttpTask_impl::performRequest]this=%p, set timer\n",
+                    static_cast<void*>(this));
+            AppLock lock(_timer_mutex);
+            kiv_shared_ptr<kiv_HttpTask_impl> child;
+            child.copyControlObject(&selfRef);
+            // The timeout task carries its own reference to the caller's object, for the
+            // timeout delivery, which may run after this function has returned.
+            kiv_shared_ptr<ASRDispatchTaskBase> task =
+                kiv_shared_ptr<ASRDispatchTaskBase>::adoptNew(
+                    new ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>(
+                        child, &kiv_HttpTask_impl::timer_callback, param));
+            _timer = RefreshTimer::createTimerWithTask(task, RESPONSE_TIME_OUT_MS);
+        }
+    } catch (const std::bad_alloc&) {
+        code = CURLE_OUT_OF_MEMORY;
     }
 
-    CURLcode code = curl_easy_perform(curl);
-    long status = 200;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    if (code == CURLE_OK) {
+        code = curl_easy_perform(curl);
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    }
 
     if (isDownload) {
         AppLock lock(_timer_mutex);
@@ -343,52 +760,67 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
                     "[DEBUG]-[%s][%s:309][kiv_HttpTask_impl::performRequest]this=%p, cancel "
                     "timer,  code:%d, status:%d\n",
                     static_cast<void*>(this), static_cast<int>(code), static_cast<int>(status));
-            _timer->cancel();
+            // A timer that is no longer armed has fired: the timer thread makes (or made) the
+            // timeout delivery, which is this transfer's final one.
+            timerFired = !_timer->cancel();
             _timer = static_cast<RefreshTimer*>(nullptr);
         }
     }
-
-    curl_slist_free_all(record->headers);
-    if (record->resolve) {
-        curl_slist_free_all(record->resolve);
-    }
-    curl_easy_cleanup(curl);
-    record->curl = nullptr;
-    record->headers = nullptr;
-    record->resolve = nullptr;
+    _transferParam = nullptr;
 
     kiv_shared_ptr<kiv_http_request_maker> tmp;
     kiv_shared_ptr<kiv_HttpResponse> resp;
-    if (code != CURLE_OK) {
-        KIV_LOG(5,
-                "[DEBUG]-[%s][%s:325][kiv_HttpTask_impl::performRequest] CURLcode=%d, (_method "
-                "== HTTP_REQUEST_METHOD_CHUNK_DOWN) ? %d, this=%p\n",
-                static_cast<int>(code), isDownload ? 1 : 0, static_cast<void*>(this));
-        resp = kiv_HttpResponse::alloc();
-        resp->set_local_request_error(HTTP_REQUEST_CHUNK_REQ_ERROR);
-        resp->setErrorMessage("[kiv_Chunk_Connection]downStream encouter error.");
-        tmp = selfRef.getPTR();
-        if (claimEnd() && tmp.getPTR() && my_callbackFn) {
-            my_callbackFn(tmp, resp, _callbackUserParam);
+    try {
+        std::string curlError = record->errorText(code);
+        std::string reply = std::move(record->reply);
+        record->release();
+
+        if (timerFired) {
+            // The timeout delivery belongs to the timer thread.
+        } else if (code != CURLE_OK) {
+            KIV_LOG(5,
+                    "[DEBUG]-[%s][%s:325][kiv_HttpTask_impl::performRequest] CURLcode=%d, "
+                    "(_method == HTTP_REQUEST_METHOD_CHUNK_DOWN) ? %d, this=%p\n",
+                    static_cast<int>(code), isDownload ? 1 : 0, static_cast<void*>(this));
+            {
+                PthreadLockGuard lock(_cond_mutex);
+                if (_upload_failed) {
+                    char text[160];
+                    snprintf(text, sizeof text,
+                             "upload abandoned: the queue refused a piece of %ld bytes (limit "
+                             "%ld bytes queued)",
+                             _refused_bytes, _queue_limit);
+                    curlError = text;
+                }
+            }
+            deliverError(static_cast<int32_t>(code), curlError, param);
+        } else if (status >= 201 && status <= 299) {
+            // Accepted without a body worth reporting: the transfer ends silently.
+            endSilently();
+        } else {
+            KIV_LOG(5,
+                    "[DEBUG]-[%s][%s:342][kiv_HttpTask_impl::performRequest] (_method == "
+                    "HTTP_REQUEST_METHOD_CHUNK_DOWN) ? %d, status=%d\n",
+                    isDownload ? 1 : 0, static_cast<int>(status));
+            resp = kiv_HttpResponse::alloc();
+            resp->set_http_status(static_cast<int32_t>(status));
+            if (status == 200 && isDownload) {
+                resp->set_local_request_error(HTTP_REQUEST_HTTPS_REQ_SUC);
+            }
+            resp->receive_new_data(reply.data(), static_cast<uint32_t>(reply.size()));
+            // The completion takes part in the end guard too: a timeout that fired after
+            // libcurl returned, or a cancel() that came first, has already ended the task, and a
+            // task makes at most one final delivery.
+            if (enterDelivery(true)) {
+                deliver(resp, param);
+            }
         }
-    } else if (status >= 201 && status <= 299) {
-        // Accepted without a body worth reporting: the transfer ends silently.
-    } else {
-        KIV_LOG(5,
-                "[DEBUG]-[%s][%s:342][kiv_HttpTask_impl::performRequest] (_method == "
-                "HTTP_REQUEST_METHOD_CHUNK_DOWN) ? %d, status=%d\n",
-                isDownload ? 1 : 0, static_cast<int>(status));
-        resp = kiv_HttpResponse::alloc();
-        resp->set_http_status(static_cast<int32_t>(status));
-        if (status == 200 && isDownload) {
-            resp->set_local_request_error(HTTP_REQUEST_HTTPS_REQ_SUC);
-        }
-        tmp = selfRef.getPTR();
-        // The completion takes part in the end guard too: a timeout that fired after libcurl
-        // returned, or a cancel() that came first, has already ended the task, and a task makes
-        // at most one final delivery.
-        if (claimEnd() && tmp.getPTR() && my_callbackFn) {
-            my_callbackFn(tmp, resp, _callbackUserParam);
+    } catch (const std::bad_alloc&) {
+        // No response could be made for the final delivery: the error delivery (which never
+        // needs memory) reports that instead.
+        record->release();
+        if (!timerFired) {
+            deliverError(CURLE_OUT_OF_MEMORY, std::string(), param);
         }
     }
     tmp = static_cast<kiv_http_request_maker*>(nullptr);
@@ -396,32 +828,46 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
     chunk_tmp = static_cast<EventManagerDecChunk*>(nullptr);
 }
 
-void kiv_HttpTask_impl::timer_callback(kiv_shared_ptr_base*) {
+void kiv_HttpTask_impl::timer_callback(kiv_shared_ptr_base* resource) {
     KIV_LOG(5, "[DEBUG]-[%s][%s:359][kiv_HttpTask_impl::timer_callback]this=%p\n",
             static_cast<void*>(this));
     if (isCancelled()) {
         return;
     }
-    kiv_shared_ptr<kiv_HttpResponse> resp = kiv_HttpResponse::alloc();
-    resp->set_local_request_error(HTTP_REQUEST_TIMEOUT);
-    resp->setErrorMessage("[kiv_httptask_impl] downStream timeout.");
     kiv_shared_ptr<kiv_http_request_maker> ret = selfRef.getPTR();
-    // Setting the flag also makes the transfer's progress callback abort libcurl (even without a
-    // callback to tell); the worker's error path then finds the task ended and stays silent.
-    if (claimEnd() && ret.getPTR() && my_callbackFn) {
+    // Ending the task also makes the transfer's progress callback abort libcurl (even without a
+    // callback to tell); the worker then finds the timer fired and stays silent.
+    if (!enterDelivery(true)) {
+        return;
+    }
+    kiv_shared_ptr<kiv_HttpResponse> resp;
+    try {
+        resp = kiv_HttpResponse::alloc();
+        resp->setErrorMessage("[kiv_httptask_impl] downStream timeout.");
+    } catch (const std::bad_alloc&) {
+        resp = _spare_final;
+        resp->setErrorMessage(std::move(_spare_timeout_message));
+    }
+    resp->set_local_request_error(HTTP_REQUEST_TIMEOUT);
+    if (ret.getPTR() && my_callbackFn) {
         KIV_LOG(5, "[DEBUG]-[%s][%s:371][kiv_HttpTask_impl::timer_callback]bf call cb this=%p\n",
                 static_cast<void*>(this));
-        my_callbackFn(ret, resp, _callbackUserParam);
     }
+    deliver(resp, resource);
 }
 
 int kiv_HttpTask_impl::dispatchTransfer(kiv_shared_ptr<wrap_params>& params) {
     kiv_shared_ptr<kiv_HttpTask_impl> child;
     child.copyControlObject(&selfRef);
-    kiv_shared_ptr<ASRDispatchTaskBase> task(new ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>(
-        child, &kiv_HttpTask_impl::performRequest, &params));
+    kiv_shared_ptr<ASRDispatchTaskBase> task = kiv_shared_ptr<ASRDispatchTaskBase>::adoptNew(
+        new ASRDispatchTaskWithResPointer<kiv_HttpTask_impl>(
+            child, &kiv_HttpTask_impl::performRequest, &params));
     kiv_shared_ptr<GlobalThreadPool> pool = kiv::Memory::Singleton<GlobalThreadPool>::instance();
-    pool->runTaskAsync(task);
+    if (!pool.getPTR() || !pool->runTaskAsync(task)) {
+        // Refused (no worker can be started, or the process is exiting): dropping the task
+        // frees the transfer's libcurl objects with it.
+        return -1;
+    }
     return 0;
 }
 
@@ -462,48 +908,73 @@ std::string kiv_HttpTask_impl::getHostFromUrl(std::string url) {
 }
 
 std::string kiv_HttpTask_impl::getResolveDNSMap(std::string hostUrl, char* ipUrl) {
-    std::string host = getHostFromUrl(std::move(hostUrl));
-    std::string ip = getHostFromUrl(ipUrl ? std::string(ipUrl) : std::string());
-    if (host.empty() || ip.empty()) {
+    pinning::PinnedTarget target;
+    std::string why;
+    if (!ipUrl || !pinning::pin_target(hostUrl, ipUrl, &target, &why)) {
         return std::string();
     }
-    return host + ":443:" + ip;
+    return target.resolve;
 }
 
 std::string kiv_HttpTask_impl::getHostUrl(std::string oriUrl, char* ipUrl) {
-    std::string host = getHostFromUrl(std::move(oriUrl));
-    std::string url = ipUrl ? std::string(ipUrl) : std::string();
-    int32_t hostStart = 0;
-    int32_t posEnd = 0;
-    if (!find_host(url, hostStart, posEnd)) {
+    pinning::PinnedTarget target;
+    std::string why;
+    if (!ipUrl || !pinning::pin_target(oriUrl, ipUrl, &target, &why)) {
         return std::string();
     }
-    url.replace(static_cast<size_t>(hostStart), static_cast<size_t>(posEnd - hostStart), host);
-    return url;
+    return target.url;
 }
 
 kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_HttpRequest* request,
                                                                const char* header1,
                                                                const char* header2) {
-    kiv_shared_ptr<wrap_params> params(new wrap_params());
-    params->curl = curl;
-    params->headers = curl_slist_append(curl_slist_append(nullptr, header1), header2);
-    params->resolve = nullptr;
+    kiv_shared_ptr<wrap_params> params;
+    try {
+        params = kiv_shared_ptr<wrap_params>::adoptNew(new wrap_params());
+    } catch (const std::bad_alloc&) {
+        curl_easy_cleanup(curl);
+        throw;
+    }
+    params->curl = curl;  // owned by the record from here on
+    if (!append_line(params->headers, header1) || !append_line(params->headers, header2)) {
+        throw std::bad_alloc();
+    }
     // A request without URL text gets an empty URL, which libcurl refuses: the transfer then
     // fails on the worker and the error delivery reports it.
     static char kNoUrl[1] = {0};
     char* ipUrl = request->_URL.getPTR() ? request->_URL.getPTR() : kNoUrl;
-    _is_https = containHttps(ipUrl);
-    if (_is_https) {
-        std::string resolveDNSMap = getResolveDNSMap(request->_origin_URL, ipUrl);
-        curl_slist* hostMap = curl_slist_append(nullptr, resolveDNSMap.c_str());
-        params->resolve = hostMap;
+    pinning::UrlParts parts;
+    const bool httpsScheme =
+        pinning::split_url(ipUrl, &parts) && strcasecmp(parts.scheme.c_str(), "https") == 0;
+    _is_https = containHttps(ipUrl) || httpsScheme;
+    // Without a host-name form of its own (none, or the same text, as requestWithUrl leaves
+    // it), an HTTPS URL is connected to directly: there is nothing to pin.
+    const std::string& origin = request->_origin_URL;
+    if (_is_https && !origin.empty() && origin != ipUrl) {
+        pinning::PinnedTarget target;
+        if (!pinning::pin_target(origin, ipUrl, &target, &_pin_failure)) {
+            KIV_LOG(2, "[ERROR]-[%s][%s:470][kiv_HttpTask_impl::prepareTransfer] this=%p %s\n",
+                    static_cast<void*>(this), _pin_failure.c_str());
+            return kiv_shared_ptr<wrap_params>();  // frees the handle and the list
+        }
+        if (!append_line(params->resolve, target.resolve.c_str())) {
+            throw std::bad_alloc();
+        }
+        curl_easy_setopt(curl, CURLOPT_RESOLVE, params->resolve);
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
         // libcurl copies the URL text when the option is set, so a local string is enough.
-        set_pinning(curl, hostMap, getHostUrl(request->_origin_URL, ipUrl));
+        curl_easy_setopt(curl, CURLOPT_URL, target.url.c_str());
     } else {
         curl_easy_setopt(curl, CURLOPT_URL, ipUrl);
     }
     return params;
+}
+
+// Options every streaming transfer adds after its fixed list.
+void kiv_HttpTask_impl::finishOptions(wrap_params& params, kiv_HttpRequest& request) {
+    curl_easy_setopt(params.curl, CURLOPT_ERRORBUFFER, params.errorBuffer);
+    set_verification(params.curl, request);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -517,6 +988,9 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     }
     kiv_shared_ptr<wrap_params> params = prepareTransfer(
         curl, request.getPTR(), "Transfer-Encoding: chunked", "Content-Encoding: gzip");
+    if (!params.getPTR()) {
+        return kStartBadUrl;
+    }
 
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
@@ -531,6 +1005,11 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 
+    // The server's answer is kept (bounded) for the final delivery.
+    params->replyLimit = kUploadReplyLimit;
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, params.getPTR());
+    finishOptions(*params.getPTR(), *request.getPTR());
+
     return dispatchTransfer(params);
 }
 
@@ -543,54 +1022,67 @@ size_t kiv_HttpTask_impl::read_callback(char* buffer, size_t size, size_t nitems
         KIV_LOG(5, "[DEBUG]-[%s][%s:490][kiv_HttpTask_impl::read_callback] max_bytes < 1\n");
         return 0;
     }
+    // Returning 0 would end the chunked body cleanly: the server would receive a complete,
+    // valid request holding a partial utterance. Every way of giving up abandons it instead.
     if (!task) {
-        return 0;
+        return CURL_READFUNC_ABORT;
     }
+    PthreadLockGuard lock(task->_cond_mutex);
     for (;;) {
-        PthreadLockGuard lock(task->_cond_mutex);
         if (task->isCancelled()) {
             KIV_LOG(5,
                     "[DEBUG]-[%s][%s:497][kiv_HttpTask_impl::read_callback] "
                     "strong->_is_canceled\n");
-            return 0;
+            return CURL_READFUNC_ABORT;
+        }
+        if (task->_upload_failed) {
+            return CURL_READFUNC_ABORT;
         }
         int relDeq = 0;
-        if (task->_total_size != 0) {
+        if (task->_total_size > 0) {
             long relBytes = static_cast<long>(max_bytes) < task->_total_size
                                 ? static_cast<long>(max_bytes)
                                 : task->_total_size;
             relDeq = task->_upload_data->dequeSamples(reinterpret_cast<uint8_t*>(buffer),
                                                       static_cast<int>(relBytes), false);
+            if (relDeq <= 0) {
+                // The count and the queue disagree: never spin on it, abandon the body.
+                KIV_LOG(2,
+                        "[ERROR]-[%s][%s:512][kiv_HttpTask_impl::read_callback] queue lost "
+                        "%ld bytes\n",
+                        task->_total_size);
+                return CURL_READFUNC_ABORT;
+            }
             task->_total_size -= relDeq;
-        }
-        if (task->_is_last) {
-            if (relDeq > 0) {
+            task->_bytes_sent.fetch_add(relDeq, std::memory_order_relaxed);
+            if (task->_is_last) {
                 KIV_LOG(5, "[DEBUG]-[%s][%s:518][QS]1relDeq=%d\n", relDeq);
-                return static_cast<size_t>(relDeq);
+            } else {
+                KIV_LOG(5, "[DEBUG]-[%s][%s:536][QS]2relDeq=%d\n", relDeq);
             }
-            if (task->_total_size <= 0) {
-                return 0;  // ends the chunked body
-            }
-            continue;
-        }
-        if (relDeq > 0) {
-            KIV_LOG(5, "[DEBUG]-[%s][%s:536][QS]2relDeq=%d\n", relDeq);
             return static_cast<size_t>(relDeq);
         }
-        // Nothing queued yet: sleep until send_data or cancel broadcasts, at most 10 ms, so a
-        // missed wake-up costs one slice, never a hang.
-        timeval current_time;
-        gettimeofday(&current_time, nullptr);
-        timespec out_of_time;
-        long nsec = current_time.tv_usec * 1000L + 10L * 1000L * 1000L;
-        out_of_time.tv_sec = current_time.tv_sec + nsec / 1000000000L;
-        out_of_time.tv_nsec = nsec % 1000000000L;
-        pthread_cond_timedwait(&task->_cond, &task->_cond_mutex, &out_of_time);
+        if (task->_is_last) {
+            return 0;  // every byte is out: this ends the chunked body
+        }
+        const timespec deadline = monotonic_after(kReaderSafetyWaitMs);
+        pthread_cond_timedwait(&task->_cond, &task->_cond_mutex, &deadline);
     }
 }
 
-size_t kiv_HttpTask_impl::header_callback(char*, size_t size, size_t nitems, void*) {
-    return size * nitems;
+size_t kiv_HttpTask_impl::header_callback(char* buffer, size_t size, size_t nitems,
+                                          void* userdata) {
+    const size_t len = size * nitems;
+    auto* record = static_cast<wrap_params*>(userdata);
+    if (record && record->reply.size() < record->replyLimit) {
+        const size_t keep = std::min(len, record->replyLimit - record->reply.size());
+        try {
+            record->reply.append(buffer, keep);
+        } catch (const std::bad_alloc&) {
+            record->replyLimit = 0;  // the answer cannot be kept; the transfer goes on
+        }
+    }
+    return len;
 }
 
 int kiv_HttpTask_impl::chunk_http_progress_cb(void* clientp, double, double, double, double) {
@@ -613,8 +1105,51 @@ void kiv_HttpTask_impl::send_data(kiv_shared_ptr<unsigned char>& post_data, long
     if (!_upload_data.getPTR()) {
         return;  // not started: nothing to feed
     }
-    _upload_data->queueAudio(post_data.getPTR(), static_cast<int>(data_len));
-    _total_size += data_len;
+    if (_method != HTTP_REQUEST_METHOD_CHUNK_UP) {
+        KIV_LOG(2,
+                "[ERROR]-[%s][%s:570][kiv_HttpTask_impl::send_data] not an upload task, %ld "
+                "bytes refused, this=%p\n",
+                data_len, static_cast<void*>(this));
+        return;
+    }
+    if (isCancelled() || _upload_failed) {
+        // A send racing with the end of the stream: nobody will read these bytes.
+        KIV_LOG(5,
+                "[DEBUG]-[%s][%s:577][kiv_HttpTask_impl::send_data] task ended, %ld bytes "
+                "dropped, this=%p\n",
+                data_len, static_cast<void*>(this));
+        return;
+    }
+    if (_is_last) {
+        KIV_LOG(2,
+                "[ERROR]-[%s][%s:583][kiv_HttpTask_impl::send_data] after the last piece, %ld "
+                "bytes refused, this=%p\n",
+                data_len, static_cast<void*>(this));
+        return;
+    }
+    if (data_len > 0) {
+        int queued = -1;
+        if (data_len <= _queue_limit - _total_size) {
+            try {
+                queued = _upload_data->queueAudio(post_data.getPTR(), static_cast<int>(data_len));
+            } catch (const std::bad_alloc&) {
+                queued = -1;
+            }
+        }
+        if (queued != data_len) {
+            // Losing the piece would corrupt the stream; end it instead, with the error
+            // delivery (the reader abandons the body when it sees this).
+            _upload_failed = true;
+            _refused_bytes = data_len;
+            KIV_LOG(2,
+                    "[ERROR]-[%s][%s:600][kiv_HttpTask_impl::send_data] queue refused %ld bytes "
+                    "(%ld queued, limit %ld), upload ends, this=%p\n",
+                    data_len, _total_size, _queue_limit, static_cast<void*>(this));
+            pthread_cond_broadcast(&_cond);
+            return;
+        }
+        _total_size += data_len;
+    }
     _is_last = is_last;
     pthread_cond_broadcast(&_cond);
 }
@@ -631,6 +1166,9 @@ int kiv_HttpTask_impl::downloadChunkStart(kiv_shared_ptr<kiv_HttpRequest> reques
     kiv_shared_ptr<wrap_params> params =
         prepareTransfer(curl, request.getPTR(), "Content-Type: application/octet-stream",
                         "Accept-Encoding:gzip,deflate");
+    if (!params.getPTR()) {
+        return kStartBadUrl;
+    }
 
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
@@ -643,11 +1181,12 @@ int kiv_HttpTask_impl::downloadChunkStart(kiv_shared_ptr<kiv_HttpRequest> reques
     curl_easy_setopt(curl, CURLOPT_PROGRESSDATA, this);
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    finishOptions(*params.getPTR(), *request.getPTR());
 
     return dispatchTransfer(params);
 }
 
-size_t kiv_HttpTask_impl::write_callback(char* ptr, size_t size, size_t nmemb, void* userdata) {
+size_t kiv_HttpTask_impl::write_callback(char* ptr, size_t size, size_t nmemb, void* userdata) try {
     auto* self = static_cast<kiv_weak_ptr<kiv_http_request_maker>*>(userdata);
     kiv_shared_ptr<kiv_HttpTask_impl> strong;
     strong.copyControlObject(self);
@@ -655,6 +1194,7 @@ size_t kiv_HttpTask_impl::write_callback(char* ptr, size_t size, size_t nmemb, v
     if (!task) {
         return 0;
     }
+    bool timerFired = false;
     {
         AppLock lock(task->_timer_mutex);
         if (task->_timer.getPTR()) {
@@ -662,7 +1202,9 @@ size_t kiv_HttpTask_impl::write_callback(char* ptr, size_t size, size_t nmemb, v
                     "[DEBUG]-[%s][%s:610][kiv_HttpTask_impl::write_callback]this=%p, refresh "
                     "timer\n",
                     static_cast<void*>(task));
-            task->_timer->refresh();
+            // A timer that cannot be refreshed has fired: the download has timed out even if
+            // the timer thread has not said so yet, and this piece is too late.
+            timerFired = !task->_timer->refresh();
         } else {
             KIV_LOG(5, "[DEBUG]-[%s][%s:613][kiv_HttpTask_impl::write_callback]this=%p, no timer\n",
                     static_cast<void*>(task));
@@ -671,7 +1213,7 @@ size_t kiv_HttpTask_impl::write_callback(char* ptr, size_t size, size_t nmemb, v
     const size_t bytes = size * nmemb;
     kiv_shared_ptr<kiv_HttpResponse> response = kiv_HttpResponse::alloc();
     response->receive_new_data(ptr, static_cast<uint32_t>(bytes));
-    if (task->isCancelled()) {
+    if (timerFired || !task->enterDelivery(false)) {
         if (can_log(5)) {
             char tmp[128] = {0};
             memcpy(tmp, ptr, bytes < 127 ? bytes : 127);
@@ -687,11 +1229,10 @@ size_t kiv_HttpTask_impl::write_callback(char* ptr, size_t size, size_t nmemb, v
         }
         return 0;
     }
-    kiv_shared_ptr<kiv_http_request_maker> maker(*self);
-    if (task->my_callbackFn) {
-        task->my_callbackFn(maker, response, task->_callbackUserParam);
-    }
-    return bytes;
+    // A callback that throws ends the transfer like a write error would.
+    return task->deliver(response, task->_transferParam) ? bytes : 0;
+} catch (const std::bad_alloc&) {
+    return 0;  // no response for the piece: ending the transfer beats losing bytes silently
 }
 
 }  // namespace Networking

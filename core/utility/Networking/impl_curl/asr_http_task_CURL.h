@@ -4,7 +4,9 @@
 #include <curl/curl.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "core/Audio/PCMQueue.h"
@@ -21,14 +23,31 @@ namespace Networking {
 // the download ends with a timeout delivery.
 const int RESPONSE_TIME_OUT_MS = 12000;
 
-// libcurl handle and lists of one streaming transfer, handed from the start operation to the
-// worker that runs it. The worker frees the handle and lists; deleting the record frees only the
-// record.
-typedef struct {
-    CURL* curl;
-    curl_slist* headers;
-    curl_slist* resolve;
-} wrap_params;
+// The libcurl objects of one transfer, and their only owner: the easy handle, the request header
+// list and the resolve list are freed by the destructor (headers, resolve list, then the handle),
+// on every path: a transfer that ran, a start that failed half-way, a queued transfer that never
+// ran because the pool went away. A streaming start hands the record to the worker through a
+// kiv_shared_ptr; the one-shot request keeps one on its stack.
+struct wrap_params {
+    CURL* curl = nullptr;
+    curl_slist* headers = nullptr;
+    curl_slist* resolve = nullptr;
+    // libcurl's text for a failed transfer (CURLOPT_ERRORBUFFER).
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+    // The first bytes of an upload's reply body (the server's answer), up to `replyLimit`.
+    std::string reply;
+    size_t replyLimit = 0;
+
+    wrap_params() = default;
+    ~wrap_params() { release(); }
+    // Frees what the record holds, now; the destructor then has nothing left to do.
+    void release();
+    // libcurl's text for `code`: the error buffer if libcurl filled it, else its description.
+    std::string errorText(CURLcode code) const;
+
+    wrap_params(const wrap_params&) = delete;
+    wrap_params& operator=(const wrap_params&) = delete;
+};
 
 // Scoped lock on a pthread mutex.
 class PthreadLockGuard {
@@ -58,15 +77,23 @@ private:
 // still makes its final delivery.
 //
 // Deliveries. A download delivers each body piece as it arrives. A transfer ends with at most
-// one final delivery: a transfer error (HTTP_REQUEST_CHUNK_REQ_ERROR), a download timeout
-// (HTTP_REQUEST_TIMEOUT), or the server's status (with HTTP_REQUEST_HTTPS_REQ_SUC for a download
-// answered 200); a status from 201 through 299 ends it silently. After cancel() no delivery
-// starts; one that had already started on the worker may still be running when cancel() returns
-// (cancel may be called from inside the callback, so it never waits for one).
+// one final delivery: a transfer error (HTTP_REQUEST_CHUNK_REQ_ERROR, with libcurl's code and
+// text), a download timeout (HTTP_REQUEST_TIMEOUT), or the server's status (with
+// HTTP_REQUEST_HTTPS_REQ_SUC for a download answered 200, and the reply body for an upload); a
+// status from 201 through 299 ends it silently. Nothing is delivered after the final delivery.
+// Deliveries of one task never overlap: a final delivery waits for a piece delivery still
+// running on another thread.
+//
+// Cancel. Once cancel() has returned on a thread, no delivery starts any more: cancel() waits
+// for a delivery already running on another thread to return. Called from inside a delivery of
+// this task it returns at once (the deliveries still stop). So the callback must not block on
+// a thread that may be inside cancel() of the same task.
 //
 // Locks. `_timer_mutex` guards `_timer` and is taken before any lock inside the timer.
-// `_cond_mutex` guards the upload queue, `_total_size` and `_is_last`. No operation holds both,
-// and none is held while the callback runs, so the callback may call cancel() or send_data().
+// `_cond_mutex` guards the upload queue, `_total_size`, `_is_last` and the upload's failure
+// state. No operation holds both, and none is held while the callback runs, so the callback may
+// call cancel() or send_data(). Which deliveries may start, and how many are running, is one
+// atomic word (`_gate`).
 class kiv_HttpTask_impl : public kiv_http_request_maker {
 public:
     kiv_HttpTask_impl();
@@ -74,24 +101,42 @@ public:
 
     // Records the callback, parameter and method, and starts the transfer for
     // HTTP_REQUEST_METHOD_CHUNK_UP or _CHUNK_DOWN on the worker pool; other methods start
-    // nothing. `callbackUserParam` is the address of a kiv_shared_ptr<EventManagerDecChunk>
-    // (or null), kept alive by the transfer and passed back unchanged. A task carries one
-    // streaming request: a second call, or an empty request, is refused with an error line.
+    // nothing. A task carries one streaming request: a second call, or an empty request, is
+    // refused with an error line.
+    //
+    // `callbackUserParam` is the address of the caller's kiv_shared_ptr<EventManagerDecChunk>
+    // (or null). It is read here, on the caller's thread, and only here: the layer takes its own
+    // strong reference to the object, and every delivery passes the address of a reference the
+    // layer owns (null stays null), so the caller's variable may go as soon as this returns.
+    // The layer's reference is dropped when the task's work ends (the transfer has returned and
+    // no delivery is running or can start any more), not when the task object goes: the
+    // object's destruction tells the caller that the stream is over.
+    //
+    // A transfer that cannot be started (no libcurl handle, no worker thread, no memory) still
+    // ends with one HTTP_REQUEST_CHUNK_REQ_ERROR delivery, made on this thread before
+    // start_request returns.
     void start_request(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request,
                        request_callback_fn callbackFn,
                        kiv::Memory::kiv_shared_ptr_base* callbackUserParam) override;
 
-    // Queues `data_len` upload bytes (the caller's bytes, already gzip-compressed) and sets the
-    // end-of-body mark to `is_last`; never waits for the network. Before start_request it does
-    // nothing. A negative length, or a null buffer with a positive length, is refused with an
-    // error line. `data_len` 0 with `is_last` true ends the body.
+    // Queues `data_len` upload bytes (the caller's bytes, already gzip-compressed); `is_last`
+    // marks the end of the body, for good. Never waits for the network. Refused, with an error
+    // line and nothing queued: a negative length, a null buffer with a positive length, a task
+    // that is not an upload, and any call after the last piece. A piece the queue cannot take
+    // (over the request's _UPLOAD_QUEUE_LIMIT, or no memory) ends the upload with one
+    // HTTP_REQUEST_CHUNK_REQ_ERROR delivery. Before start_request, and once the task has ended,
+    // it does nothing.
     void send_data(kiv::Memory::kiv_shared_ptr<unsigned char>& post_data, long data_len,
                    bool is_last) override;
 
     // Stops the task from any thread, at any time, any number of times: a waiting upload
-    // reader wakes at once, the transfer aborts at its next libcurl callback, the download timer
-    // is cancelled, and no delivery starts afterwards.
+    // reader wakes at once, the transfer aborts at its next libcurl callback (an upload's body
+    // is abandoned, never completed), the download timer is cancelled, and no delivery starts
+    // after this returns (see "Cancel" above).
     void cancel() override;
+
+    // Upload bytes handed to libcurl so far (not merely queued).
+    int64_t bytes_sent() override;
 
     // True once the task has ended: cancelled, timed out, or past its final delivery.
     bool isCancelled();
@@ -106,8 +151,23 @@ private:
     void performRequest(kiv::Memory::kiv_shared_ptr_base* params);
     void timer_callback(kiv::Memory::kiv_shared_ptr_base* resource);
     int dispatchTransfer(kiv::Memory::kiv_shared_ptr<wrap_params>& params);
-    // The end guard: true for exactly one caller, the first to end the task.
-    bool claimEnd();
+
+    // The delivery gate (`_gate`). enterDelivery() admits a delivery unless the task has ended;
+    // a final delivery also ends the task (true for exactly one caller) and waits for a piece
+    // delivery running on another thread. Every admitted delivery calls leaveDelivery().
+    bool enterDelivery(bool final);
+    void leaveDelivery();
+    // Waits until at most `allowed` deliveries are running.
+    void waitDeliveries(uint32_t allowed);
+    // Ends the task without a delivery; false if it had already ended.
+    bool endSilently();
+    // Runs the caller's callback for an admitted delivery: exceptions stop at this boundary
+    // (logged; false returned), and cancel() from inside it knows not to wait for itself.
+    bool deliver(kiv::Memory::kiv_shared_ptr<kiv_HttpResponse>& response,
+                 kiv::Memory::kiv_shared_ptr_base* param);
+    // The one error delivery of a transfer that failed, or could not start.
+    void deliverError(int32_t curlCode, const std::string& curlError,
+                      kiv::Memory::kiv_shared_ptr_base* param);
 
     // Chunked upload.
     int uploadChunkStart(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request);
@@ -124,6 +184,9 @@ private:
     kiv::Memory::kiv_shared_ptr<wrap_params> prepareTransfer(CURL* curl, kiv_HttpRequest* request,
                                                              const char* header1,
                                                              const char* header2);
+    // Options every streaming transfer sets after its fixed list: libcurl's error buffer and
+    // the certificate verification the request asks for.
+    void finishOptions(wrap_params& params, kiv_HttpRequest& request);
 
     // One-shot request callbacks. They run on the calling thread inside curl_easy_perform and
     // touch only the record libcurl hands them.
@@ -142,9 +205,11 @@ private:
     bool containHttps(const char* url);
     // The text between the first "//" (not at position 0) and the next "/".
     std::string getHostFromUrl(std::string url);
-    // "host:443:ip" from the host-name URL and the IP URL.
+    // The resolve entry "host:port:ip" from the host-name URL and the IP URL; the port is the
+    // one the IP URL names, else the one the host-name URL names, else 443.
     std::string getResolveDNSMap(std::string hostUrl, char* ipUrl);
-    // `ipUrl` with its host text replaced by that of `oriUrl`.
+    // `ipUrl` with its host replaced by that of `oriUrl` (and the port of the resolve entry
+    // when either URL names one).
     std::string getHostUrl(std::string oriUrl, char* ipUrl);
 
     request_callback_fn my_callbackFn;
@@ -157,6 +222,7 @@ private:
     bool _is_last;
     bool _is_https;
     long _total_size;
+    // Where a thread waits for running deliveries to finish (the delivery gate's slow path).
     kiv::Threads::Synchronization::AppConditionMutex* notEmpty;
     pthread_cond_t _cond;
     pthread_mutex_t _cond_mutex;
@@ -168,6 +234,26 @@ private:
     // The caller's per-stream object, taken by start_request on the caller's thread (where the
     // parameter is sure to be valid) and handed to the transfer, which holds it to its end.
     kiv::Memory::kiv_shared_ptr<kiv::EventManagerDecChunk> _userParamHold;
+    // Whether the caller passed a parameter at all (deliveries then pass null).
+    bool _hasUserParam;
+    // While the transfer runs: the address of the worker's reference to the caller's object,
+    // passed to the piece deliveries (worker thread only).
+    kiv::Memory::kiv_shared_ptr_base* _transferParam;
+    // Bit 0: cancel() was called. Bit 1: the task has ended. Bit 2: a thread waits for running
+    // deliveries to finish. Bits 3 and up: deliveries running.
+    std::atomic<uint32_t> _gate;
+    // Upload: the queue refused a piece; the reader abandons the body. Under _cond_mutex.
+    bool _upload_failed;
+    long _refused_bytes;
+    // Upload bytes that may be queued and not yet sent (the request's _UPLOAD_QUEUE_LIMIT).
+    long _queue_limit;
+    std::atomic<int64_t> _bytes_sent;
+    // What the one final delivery uses when no response can be allocated at the end (made with
+    // the task, so the final delivery never depends on memory).
+    kiv::Memory::kiv_shared_ptr<kiv_HttpResponse> _spare_final;
+    std::string _spare_timeout_message;
+    // Why the URLs could not be pinned (set by a start that refused them).
+    std::string _pin_failure;
 
     kiv_HttpTask_impl(const kiv_HttpTask_impl&) = delete;
     kiv_HttpTask_impl& operator=(const kiv_HttpTask_impl&) = delete;
