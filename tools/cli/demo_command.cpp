@@ -166,7 +166,8 @@ UtteranceReport run_utterance(const Endpoint& endpoint, const std::string& sessi
             double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
             fprintf(stderr, "\r  [%zu/%zu] sent %llu bytes, %.1f KB/s, %.1f s   ", index, count,
                     static_cast<unsigned long long>(up.bytes_sent()),
-                    elapsed > 0 ? up.bytes_sent() / 1024.0 / elapsed : 0.0, elapsed);
+                    elapsed > 0 ? static_cast<double>(up.bytes_sent()) / 1024.0 / elapsed : 0.0,
+                    elapsed);
         }
     }
     const Clock::time_point last_frame = Clock::now();
@@ -177,7 +178,7 @@ UtteranceReport run_utterance(const Endpoint& endpoint, const std::string& sessi
     } else {
         fprintf(stderr, "[%zu/%zu] sent %llu bytes in %zu frames in %.2f s (%.1f KB/s)\n", index,
                 count, static_cast<unsigned long long>(up.bytes_sent()), frames, elapsed,
-                elapsed > 0 ? up.bytes_sent() / 1024.0 / elapsed : 0.0);
+                elapsed > 0 ? static_cast<double>(up.bytes_sent()) / 1024.0 / elapsed : 0.0);
     }
 
     // The results stream ends after the upload's last final (a long recording can hold many).
@@ -295,7 +296,7 @@ int run_demo(const DemoOptions& options) {
         const Utterance& u = utterances[i];
         printf("[%zu/%zu] %s%s%s (%.2f s of audio)\n", i + 1, utterances.size(),
                u.text.empty() ? "" : "\"", u.text.empty() ? options.wav.c_str() : u.text.c_str(),
-               u.text.empty() ? "" : "\"", u.samples.size() / 16000.0);
+               u.text.empty() ? "" : "\"", static_cast<double>(u.samples.size()) / 16000.0);
         fflush(stdout);
         const std::string session = "demo-" + std::to_string(getpid()) + "-" + std::to_string(i);
         UtteranceReport r =
@@ -331,7 +332,8 @@ int run_demo(const DemoOptions& options) {
     }
     if (words > 0) {
         printf("summary: %zu of %zu utterances exact, word accuracy %.1f%%\n", exact,
-               utterances.size(), 100.0 * (words - errors) / words);
+               utterances.size(),
+               100.0 * static_cast<double>(words - errors) / static_cast<double>(words));
     }
     server.stop();
     return failed == 0 ? kExitOk : kExitLocalError;

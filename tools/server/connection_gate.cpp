@@ -419,7 +419,7 @@ bool ConnectionGate::listen(const sockaddr* address, socklen_t length, std::stri
     if (impl.listen_fd < 0 ||
         setsockopt(impl.listen_fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one)) != 0 ||
         bind(impl.listen_fd, address, length) != 0 || ::listen(impl.listen_fd, SOMAXCONN) != 0) {
-        *error = std::strerror(errno);
+        *error = std::system_category().message(errno);
         if (impl.listen_fd >= 0) {
             close(impl.listen_fd);
             impl.listen_fd = -1;
@@ -452,7 +452,7 @@ bool ConnectionGate::start(std::string* error) {
     if (impl.listen_fd < 0 || impl.epoll_fd < 0 || impl.wake_fd < 0 ||
         epoll_ctl(impl.epoll_fd, EPOLL_CTL_ADD, impl.listen_fd, &listen_ev) != 0 ||
         epoll_ctl(impl.epoll_fd, EPOLL_CTL_ADD, impl.wake_fd, &wake_ev) != 0) {
-        *error = impl.listen_fd < 0 ? "not listening" : std::strerror(errno);
+        *error = impl.listen_fd < 0 ? "not listening" : std::system_category().message(errno);
         return false;
     }
     impl.stopping = false;

@@ -137,7 +137,8 @@ private:
                 incomplete();
                 return false;
             }
-            const bool ok = kShape[i] == '0' ? std::isdigit(p_[at_]) != 0 : p_[at_] == kShape[i];
+            const bool ok = kShape[i] == '0' ? std::isdigit(p_[at_]) != 0
+                                             : p_[at_] == static_cast<unsigned char>(kShape[i]);
             if (!ok) {
                 bad(400, "malformed request line: expected METHOD /path HTTP/1.1");
                 return false;

@@ -599,7 +599,8 @@ struct RecognitionServer::Impl {
             }
         }
         const size_t n = std::min(max, stream.pending.size());
-        std::memcpy(buf, stream.pending.data(), n);
+        // A body piece, not a string: nothing to terminate.
+        std::memcpy(buf, stream.pending.data(), n);  // NOLINT(bugprone-not-null-terminated-result)
         stream.pending.erase(0, n);
         return static_cast<ssize_t>(n);
     }
@@ -632,7 +633,7 @@ struct RecognitionServer::Impl {
         if (!response) {
             return MHD_NO;  // the request-completed callback detaches the reader
         }
-        stream.release();  // now owned by the response
+        static_cast<void>(stream.release());  // now owned by the response
         request.stream_queued = true;
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/octet-stream");
         // A results connection waits without a time limit (the stream watches idleness

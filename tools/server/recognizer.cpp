@@ -90,10 +90,12 @@ std::unique_ptr<DecoderFiles> DecoderFiles::prepare(const ModelPaths& paths, std
     }
     params += std::string("-cmninit ") + command_voice_cmn() + '\n';
 
-    const char* base = std::getenv("TMPDIR");
+    // The program never changes its environment, so reading it is safe on any thread.
+    const char* base = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/kiv-asr-XXXXXX";
     if (!mkdtemp(&pattern[0])) {
-        set_error(error, std::string("cannot make a temporary directory: ") + std::strerror(errno));
+        set_error(error, std::string("cannot make a temporary directory: ") +
+                             std::system_category().message(errno));
         return nullptr;
     }
     std::unique_ptr<DecoderFiles> files(new DecoderFiles);

@@ -22,7 +22,7 @@ using Synchronization::AppConditionMutex;
 int GlobalThreadPool::GLOBAL_POOL_THREAD_COUNT = 4;
 int GlobalThreadPool::MAX_POOL_THREAD_COUNT = INT_MAX;
 int GlobalThreadPool::EXTRA_WORKER_IDLE_MS = 5000;
-size_t GlobalThreadPool::WORKER_STACK_BYTES = 512 * 1024;
+size_t GlobalThreadPool::WORKER_STACK_BYTES = size_t{512} * 1024;
 
 // Everything the workers share with the pool. Co-owned by the pool and by every worker, so a
 // worker that outlives the pool (a transfer still running at exit) only touches live memory.

@@ -64,7 +64,7 @@ constexpr int kStartBadUrl = -2;
 // Bytes an upload may hold queued and unsent when the request sets no limit of its own.
 constexpr long kDefaultUploadQueueLimit = 64L * 1024 * 1024;
 // How much of an upload's reply body the final delivery carries.
-constexpr size_t kUploadReplyLimit = 1024 * 1024;
+constexpr size_t kUploadReplyLimit = size_t{1024} * 1024;
 // An upload reader waiting for bytes sleeps until send_data, the last mark or cancel() wakes
 // it; all three change the state under the lock it waits with, so no wake-up can be missed.
 // The deadline is only a safety net and costs one wake-up per idle upload every few seconds.
@@ -898,6 +898,7 @@ bool find_host(const std::string& url, int32_t& hostStart, int32_t& posEnd) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the layer's fixed signature
 std::string kiv_HttpTask_impl::getHostFromUrl(std::string url) {
     int32_t hostStart = 0;
     int32_t posEnd = 0;
@@ -907,6 +908,7 @@ std::string kiv_HttpTask_impl::getHostFromUrl(std::string url) {
     return url.substr(static_cast<size_t>(hostStart), static_cast<size_t>(posEnd - hostStart));
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the layer's fixed signature
 std::string kiv_HttpTask_impl::getResolveDNSMap(std::string hostUrl, char* ipUrl) {
     pinning::PinnedTarget target;
     std::string why;
@@ -916,6 +918,7 @@ std::string kiv_HttpTask_impl::getResolveDNSMap(std::string hostUrl, char* ipUrl
     return target.resolve;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the layer's fixed signature
 std::string kiv_HttpTask_impl::getHostUrl(std::string oriUrl, char* ipUrl) {
     pinning::PinnedTarget target;
     std::string why;
