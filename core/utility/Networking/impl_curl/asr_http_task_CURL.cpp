@@ -996,7 +996,9 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
     curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &kiv_HttpTask_impl::header_callback);
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    // No redirects: the streamed body cannot be sent again, and libcurl would follow a 301-303
+    // with a GET, so the final answer would be another request's while the audio went nowhere.
+    // The 3xx itself is the final answer.
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, params->headers);
     curl_easy_setopt(curl, CURLOPT_READFUNCTION, &kiv_HttpTask_impl::read_callback);
