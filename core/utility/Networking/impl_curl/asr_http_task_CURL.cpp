@@ -1008,6 +1008,10 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 
+    // A redirect is refused (libcurl's error 47): the streamed body cannot be sent again, and
+    // libcurl would follow a 301-303 with a GET, so the final answer would be another request's
+    // while the audio went nowhere.
+    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 0L);
     // The server's answer is kept (bounded) for the final delivery.
     params->replyLimit = kUploadReplyLimit;
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, params.getPTR());
