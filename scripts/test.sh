@@ -40,5 +40,8 @@ cmake -S "$root" -B build/clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMP
     -DCMAKE_CXX_COMPILER=clang++ -DKIV_HTTP_BUILD_BENCH=OFF >/dev/null
 cmake --build build/clang -j "$jobs"
 
+echo "== clang-tidy over core/ and tools/"
+bash scripts/tidy.sh
+
 echo "== fuzzers, 20 s each"
 bash scripts/fuzz.sh 20

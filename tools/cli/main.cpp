@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 #include "core/utility/kiv_log.h"
@@ -32,7 +33,7 @@ std::string check_limit(const std::string& text, bool fraction) {
     char* end = nullptr;
     const double value = strtod(text.c_str(), &end);
     if (end == text.c_str() || *end != '\0' || !(value >= 0 && value <= 1e9) ||
-        (!fraction && value != static_cast<long>(value))) {
+        (!fraction && value != static_cast<double>(static_cast<long>(value)))) {
         return std::string("want ") + (fraction ? "seconds" : "whole milliseconds") +
                ", 0 or more, not " + text;
     }
@@ -41,7 +42,7 @@ std::string check_limit(const std::string& text, bool fraction) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     using namespace kiv::cli;
     signal(SIGPIPE, SIG_IGN);
 
@@ -196,4 +197,14 @@ int main(int argc, char** argv) {
     }
     kiv::LogFile::close_log_file();
     return status;
+}
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        // Out of memory, mostly: one reason line, like every other failure.
+        fprintf(stderr, "kiv-http: %s\n", e.what());
+        return kiv::cli::kExitLocalError;
+    }
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <system_error>
 
 #include "core/utility/Networking/kiv_HttpRequestMaker.h"
 #include "tools/cli/commands.h"
@@ -107,7 +108,7 @@ public:
     }
     bool is_terminal() const { return path_.empty() && isatty(STDOUT_FILENO) == 1; }
     const char* name() const { return path_.empty() ? "stdout" : path_.c_str(); }
-    const char* error_text() const { return strerror(error_); }
+    std::string error_text() const { return std::system_category().message(error_); }
 
 private:
     bool open() {
@@ -146,7 +147,7 @@ private:
         const double elapsed = std::chrono::duration<double>(shown_ - start_).count();
         fprintf(stderr, "\rreceived %llu bytes, %.0f KB/s, %.1f s   ",
                 static_cast<unsigned long long>(received_),
-                elapsed > 0 ? received_ / 1024.0 / elapsed : 0.0, elapsed);
+                elapsed > 0 ? static_cast<double>(received_) / 1024.0 / elapsed : 0.0, elapsed);
     }
 
     bool enabled_;
@@ -255,7 +256,8 @@ int run_one_shot(const OneShotOptions& options, bool post) {
     kiv_shared_ptr<kiv_HttpResponse> response = kiv_http_request_maker::execute(request);
     progress.finish();
     if (!output.finish(response.getPTR() && response->get_http_status() != 0)) {
-        fprintf(stderr, "kiv-http: cannot write to %s: %s\n", output.name(), output.error_text());
+        fprintf(stderr, "kiv-http: cannot write to %s: %s\n", output.name(),
+                output.error_text().c_str());
         return kExitLocalError;
     }
     if (!response.getPTR()) {

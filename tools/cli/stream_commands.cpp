@@ -75,7 +75,8 @@ int run_upload(const StreamOptions& options) {
         fprintf(stderr, "\rread %llu of %llu bytes, sent %llu bytes gzip, %.0f KB/s, %.1f s   ",
                 static_cast<unsigned long long>(read), static_cast<unsigned long long>(file_size),
                 static_cast<unsigned long long>(client.bytes_sent()),
-                elapsed > 0 ? client.bytes_sent() / 1024.0 / elapsed : 0.0, elapsed);
+                elapsed > 0 ? static_cast<double>(client.bytes_sent()) / 1024.0 / elapsed : 0.0,
+                elapsed);
     };
     // Each frame waits for its moment (in real time) and for libcurl to have taken all but a
     // window of what is queued. The wait ends at once when the stream does: a server that has
