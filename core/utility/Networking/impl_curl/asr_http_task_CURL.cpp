@@ -191,7 +191,8 @@ std::string wrap_params::errorText(CURLcode code) const {
     if (code == CURLE_OK) {
         return std::string();
     }
-    std::string text(errorBuffer, strnlen(errorBuffer, sizeof errorBuffer));
+    std::string text(errorBuffer ? errorBuffer : "",
+                     errorBuffer ? strnlen(errorBuffer, CURL_ERROR_SIZE) : 0);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
         text.pop_back();
     }
@@ -242,6 +243,8 @@ kiv_shared_ptr<kiv_HttpResponse> kiv_http_request_maker::execute(
     }
 
     wrap_params transfer;  // frees the handle and the list on every way out
+    char errors[CURL_ERROR_SIZE] = {};
+    transfer.errorBuffer = errors;
     transfer.curl = curl_easy_init();
     long status = 200;
 
@@ -432,8 +435,7 @@ kiv_HttpTask_impl::kiv_HttpTask_impl()
       _upload_failed(false),
       _refused_bytes(0),
       _queue_limit(kDefaultUploadQueueLimit),
-      _bytes_sent(0),
-      _spare_timeout_message("[kiv_httptask_impl] downStream timeout.") {
+      _bytes_sent(0) {
     // Everything that can fail is made first, so a failure leaks nothing (the members above
     // are destroyed by the language, the ones below by the holders).
     auto condition = std::make_unique<AppConditionMutex>(0);
@@ -748,6 +750,9 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
         code = CURLE_OUT_OF_MEMORY;
     }
 
+    char errors[CURL_ERROR_SIZE] = {};
+    record->errorBuffer = errors;
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errors);
     if (code == CURLE_OK) {
         code = curl_easy_perform(curl);
         curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
@@ -774,6 +779,7 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
         std::string curlError = record->errorText(code);
         std::string reply = std::move(record->reply);
         record->release();
+        record->errorBuffer = nullptr;  // it lives in this frame
 
         if (timerFired) {
             // The timeout delivery belongs to the timer thread.
@@ -845,8 +851,7 @@ void kiv_HttpTask_impl::timer_callback(kiv_shared_ptr_base* resource) {
         resp = kiv_HttpResponse::alloc();
         resp->setErrorMessage("[kiv_httptask_impl] downStream timeout.");
     } catch (const std::bad_alloc&) {
-        resp = _spare_final;
-        resp->setErrorMessage(std::move(_spare_timeout_message));
+        resp = _spare_final;  // its message is the transfer error's; the local error says timeout
     }
     resp->set_local_request_error(HTTP_REQUEST_TIMEOUT);
     if (ret.getPTR() && my_callbackFn) {
@@ -974,12 +979,6 @@ kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_H
     return params;
 }
 
-// Options every streaming transfer adds after its fixed list.
-void kiv_HttpTask_impl::finishOptions(wrap_params& params, kiv_HttpRequest& request) {
-    curl_easy_setopt(params.curl, CURLOPT_ERRORBUFFER, params.errorBuffer);
-    set_verification(params.curl, request);
-}
-
 // ---------------------------------------------------------------------------------------------
 // Chunked upload
 
@@ -1015,7 +1014,7 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     // The server's answer is kept (bounded) for the final delivery.
     params->replyLimit = kUploadReplyLimit;
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, params.getPTR());
-    finishOptions(*params.getPTR(), *request.getPTR());
+    set_verification(curl, *request.getPTR());
 
     return dispatchTransfer(params);
 }
@@ -1188,7 +1187,7 @@ int kiv_HttpTask_impl::downloadChunkStart(kiv_shared_ptr<kiv_HttpRequest> reques
     curl_easy_setopt(curl, CURLOPT_PROGRESSDATA, this);
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    finishOptions(*params.getPTR(), *request.getPTR());
+    set_verification(curl, *request.getPTR());
 
     return dispatchTransfer(params);
 }

@@ -33,8 +33,9 @@ struct wrap_params {
     CURL* curl = nullptr;
     curl_slist* headers = nullptr;
     curl_slist* resolve = nullptr;
-    // libcurl's text for a failed transfer (CURLOPT_ERRORBUFFER).
-    char errorBuffer[CURL_ERROR_SIZE] = {};
+    // libcurl's text for a failed transfer (CURLOPT_ERRORBUFFER): CURL_ERROR_SIZE bytes on the
+    // stack of whoever runs the transfer, so an idle stream does not carry them on the heap.
+    char* errorBuffer = nullptr;
     // The first bytes of an upload's reply body (the server's answer), up to `replyLimit`.
     std::string reply;
     size_t replyLimit = 0;
@@ -188,9 +189,6 @@ private:
     kiv::Memory::kiv_shared_ptr<wrap_params> prepareTransfer(CURL* curl, kiv_HttpRequest* request,
                                                              const char* header1,
                                                              const char* header2);
-    // Options every streaming transfer sets after its fixed list: libcurl's error buffer and
-    // the certificate verification the request asks for.
-    void finishOptions(wrap_params& params, kiv_HttpRequest& request);
 
     // One-shot request callbacks. They run on the calling thread inside curl_easy_perform and
     // touch only the record libcurl hands them.
@@ -255,7 +253,6 @@ private:
     // What the one final delivery uses when no response can be allocated at the end (made with
     // the task, so the final delivery never depends on memory).
     kiv::Memory::kiv_shared_ptr<kiv_HttpResponse> _spare_final;
-    std::string _spare_timeout_message;
     // Why the URLs could not be pinned (set by a start that refused them).
     std::string _pin_failure;
 
