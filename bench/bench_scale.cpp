@@ -1,978 +1,379 @@
-// How many concurrent streaming pairs (one chunked upload + one chunked download each) the
-// machine carries with the layer, with audio at real-time rate: every pair uploads a 1280-byte
-// frame every 40 ms (32 KB/s) through send_data, and the server sends a 32-byte result piece on
-// every download every 40 ms. Frames and pieces carry their scheduled time (CLOCK_MONOTONIC,
-// shared by the processes); a frame is on time when the server has read all of it, a piece when
-// the caller's callback has it, within 100 ms of that schedule.
+// Many concurrent streaming pairs (one chunked upload + one chunked download each), the layer
+// against raw libcurl with one thread per transfer:
 //
-// The server is an epoll loop in a forked child process, so that the client's CPU is the
-// parent's getrusage and the server's load on the shared cores is reported apart. Each step
-// connects N pairs, lets them sit idle for a second (memory per idle pair: RSS growth over the
-// baseline / N), streams for `seconds`, then ends every transfer cleanly (is_last on uploads, the
-// last chunk on downloads) and checks that each made its final delivery.
+//  - real time: every pair uploads a 1280-byte frame every 40 ms through send_data (raw: the
+//    plain queue), and the server sends every download a 32-byte piece every 200 ms. Frames and
+//    pieces carry their scheduled time; one is late when it reaches the server (a whole frame)
+//    or the caller's callback (a piece) more than 200 ms after it. Figures: client CPU (the
+//    process less the server thread, % of one core), late or missing frames and pieces, p99
+//    lateness of each;
+//  - idle: the same pairs connected with nothing flowing: client CPU;
+//  - memory per pair: resident growth from connecting the pairs, over a warmed-up baseline;
+//  - capacity: doubling from 64 pairs, the largest N a side carries with nothing late or
+//    missing, every final delivery clean and client CPU under 80% of all cores; each side stops
+//    at its first failure, and the reason is printed (lateness, missing, CPU, connections that
+//    never came up, thread creation, the open-file limit).
 //
-// For comparison, the same load with plain libcurl (one thread per transfer, like the pool; the
-// uploads fed through a mutex + condition-variable queue) runs in a fresh process of this program
-// (`--raw`), so that neither side's memory or threads linger in the other's figures.
+// Every measurement runs in a fresh process of this program (`--step`, bounded by alarm()), so
+// that neither side's threads, allocator caches or memory linger in the other's figures.
 //
-// Usage: bench_scale [steps=100,200,300,500] [seconds=10] [raw_steps=500 or "none"]
+// Usage: bench_scale [--quick] [--pairs 500] [--seconds 10] [--idle 3] [--rounds 2]
+//                    [--scan-seconds 5] [--max-pairs 4096]
 
-#include <curl/curl.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/epoll.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-#include <cinttypes>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
+#include <cstring>
+#include <deque>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
-#include "bench/bench_server.h"
-#include "core/utility/Threads/GlobalThreadPool.h"
-#include "core/utility/kiv_log.h"
+#include "bench/harness.h"
+#include "bench/loopback_server.h"
+#include "bench/streams.h"
 
 namespace {
 
 using namespace kiv_bench;
 
-const int64_t kPeriodNs = 40 * 1000 * 1000;
-const int64_t kOnTimeNs = 100 * 1000 * 1000;
-const size_t kFrame = 1280;
-const size_t kRecord = 32;
+const int64_t kFramePeriod = 40 * 1000000LL;
+const int64_t kPiecePeriod = 200 * 1000000LL;
+const double kLateMs = 200;
 
-// ---------------------------------------------------------------------------------------------
-// Server (child process)
-
-struct Conn {
-    enum Phase { kHead, kDownBody, kUp, kDown, kClosed };
-    int fd = -1;
-    Phase phase = kHead;
-    std::string head;
-    long body_left = 0;
-    ChunkedDecoder decoder;
-    size_t fill = 0;  // bytes of the current upload frame received
-    char stamp[8] = {};
-    std::string out;  // bytes the socket did not take yet
-};
-
-class Server {
-public:
-    Server(int listen_fd, int control_fd) : listen_fd_(listen_fd), control_fd_(control_fd) {
-        ep_ = epoll_create1(EPOLL_CLOEXEC);
-        fcntl(listen_fd_, F_SETFL, fcntl(listen_fd_, F_GETFL) | O_NONBLOCK);
-        watch(listen_fd_, EPOLLIN, EPOLL_CTL_ADD);
-        watch(control_fd_, EPOLLIN, EPOLL_CTL_ADD);
-    }
-
-    // Serves until QUIT, the parent's end of the control socket closing, or 10 minutes.
-    void run() {
-        const int64_t hard_limit = now_ns() + 600LL * 1000000000LL;
-        std::vector<epoll_event> events(1024);
-        while (!quit_ && now_ns() < hard_limit) {
-            int timeout = 100;
-            if (streaming_) {
-                int64_t wait = next_event_time() - now_ns();
-                timeout = wait <= 0 ? 0 : static_cast<int>((wait + 999999) / 1000000);
-            }
-            int n = epoll_wait(ep_, events.data(), static_cast<int>(events.size()), timeout);
-            for (int i = 0; i < n; ++i) {
-                const int fd = events[i].data.fd;
-                if (fd == listen_fd_) {
-                    accept_all();
-                } else if (fd == control_fd_) {
-                    on_control();
-                } else if (Conn* c = conn(fd)) {
-                    if (events[i].events & EPOLLOUT) {
-                        flush(c);
-                    }
-                    if (c->fd >= 0 && (events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR))) {
-                        on_readable(c);
-                    }
-                }
-            }
-            if (streaming_) {
-                send_due_pieces();
-            }
-        }
-    }
-
-private:
-    void watch(int fd, uint32_t events, int op) {
-        epoll_event ev{};
-        ev.events = events;
-        ev.data.fd = fd;
-        epoll_ctl(ep_, op, fd, &ev);
-    }
-
-    Conn* conn(int fd) {
-        return fd >= 0 && static_cast<size_t>(fd) < by_fd_.size() ? by_fd_[fd] : nullptr;
-    }
-
-    void accept_all() {
-        for (;;) {
-            int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (fd < 0) {
-                return;
-            }
-            set_nodelay(fd);
-            all_.emplace_back(new Conn);
-            Conn* c = all_.back().get();
-            c->fd = fd;
-            if (by_fd_.size() <= static_cast<size_t>(fd)) {
-                by_fd_.resize(static_cast<size_t>(fd) + 1024, nullptr);
-            }
-            by_fd_[fd] = c;
-            watch(fd, EPOLLIN, EPOLL_CTL_ADD);
-        }
-    }
-
-    void close_conn(Conn* c) {
-        epoll_ctl(ep_, EPOLL_CTL_DEL, c->fd, nullptr);
-        close(c->fd);
-        by_fd_[c->fd] = nullptr;
-        c->fd = -1;
-        c->phase = Conn::kClosed;
-    }
-
-    void queue_send(Conn* c, const char* data, size_t len) {
-        if (c->fd < 0) {
-            return;
-        }
-        if (c->out.empty()) {
-            ssize_t n = send(c->fd, data, len, MSG_NOSIGNAL | MSG_DONTWAIT);
-            if (n == static_cast<ssize_t>(len)) {
-                return;
-            }
-            size_t sent = n > 0 ? static_cast<size_t>(n) : 0;
-            c->out.assign(data + sent, len - sent);
-            watch(c->fd, EPOLLIN | EPOLLOUT, EPOLL_CTL_MOD);
-        } else {
-            c->out.append(data, len);
-        }
-    }
-
-    void flush(Conn* c) {
-        while (!c->out.empty()) {
-            ssize_t n = send(c->fd, c->out.data(), c->out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-            if (n <= 0) {
-                return;  // still full: wait for the next EPOLLOUT
-            }
-            c->out.erase(0, static_cast<size_t>(n));
-        }
-        watch(c->fd, EPOLLIN, EPOLL_CTL_MOD);
-    }
-
-    void on_readable(Conn* c) {
-        static char buf[64 * 1024];
-        for (;;) {
-            ssize_t n = recv(c->fd, buf, sizeof buf, 0);
-            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) {
-                close_conn(c);
-                return;
-            }
-            if (n < 0) {
-                return;
-            }
-            consume(c, buf, static_cast<size_t>(n));
-            if (c->fd < 0) {
-                return;
-            }
-        }
-    }
-
-    void consume(Conn* c, const char* p, size_t n) {
-        if (c->phase == Conn::kHead) {
-            c->head.append(p, n);
-            size_t end = c->head.find("\r\n\r\n");
-            if (end == std::string::npos) {
-                return;
-            }
-            RequestHead head;
-            head.text = c->head.substr(0, end + 4);
-            std::string rest = c->head.substr(end + 4);
-            parse_head(head);
-            c->head.clear();
-            if (head.path.compare(0, 3, "/up") == 0) {
-                if (head.expect_continue) {
-                    queue_send(c, kContinue, sizeof kContinue - 1);
-                }
-                c->phase = Conn::kUp;
-                consume_upload(c, rest.data(), rest.size());
-            } else {
-                c->phase = Conn::kDownBody;
-                c->body_left = head.content_length > 0 ? head.content_length : 0;
-                consume(c, rest.data(), rest.size());
-            }
-            return;
-        }
-        if (c->phase == Conn::kDownBody) {
-            const size_t take = std::min<size_t>(n, static_cast<size_t>(c->body_left));
-            c->body_left -= static_cast<long>(take);
-            if (c->body_left == 0) {
-                c->phase = Conn::kDown;
-                queue_send(c, kChunkedHead, sizeof kChunkedHead - 1);
-            }
-            return;
-        }
-        if (c->phase == Conn::kUp) {
-            consume_upload(c, p, n);
-        }
-        // kDown: the client sends nothing more until it closes.
-    }
-
-    void consume_upload(Conn* c, const char* p, size_t n) {
-        const int64_t now = now_ns();
-        c->decoder.feed(p, n, [&](const char* data, size_t len) {
-            while (len > 0) {
-                if (c->fill < sizeof c->stamp) {
-                    size_t take = std::min(len, sizeof c->stamp - c->fill);
-                    memcpy(c->stamp + c->fill, data, take);
-                }
-                size_t take = std::min(len, kFrame - c->fill);
-                c->fill += take;
-                data += take;
-                len -= take;
-                if (c->fill == kFrame) {
-                    int64_t scheduled;
-                    memcpy(&scheduled, c->stamp, 8);
-                    frame_late_us_.push_back(static_cast<float>(now - scheduled) / 1000.0f);
-                    c->fill = 0;
-                }
-            }
-        });
-        if (c->decoder.done()) {
-            queue_send(c, kEmptyOk, sizeof kEmptyOk - 1);
-        } else if (c->decoder.bad()) {
-            close_conn(c);
-        }
-    }
-
-    int64_t next_event_time() const {
-        return go_ns_ +
-               static_cast<int64_t>(next_event_) * kPeriodNs / static_cast<int64_t>(downs_.size());
-    }
-
-    void send_due_pieces() {
-        const int64_t now = now_ns();
-        while (next_event_time() <= now) {
-            const int64_t scheduled = next_event_time();
-            Conn* c = downs_[next_event_ % downs_.size()];
-            const uint64_t seq = next_event_ / downs_.size();
-            ++next_event_;
-            if (c->fd < 0 || c->phase != Conn::kDown) {
-                continue;
-            }
-            char piece[4 + kRecord + 2] = {'2', '0', '\r', '\n'};
-            memcpy(piece + 4, &scheduled, 8);
-            memcpy(piece + 12, &seq, 8);
-            memset(piece + 20, 'r', kRecord - 16);
-            piece[4 + kRecord] = '\r';
-            piece[4 + kRecord + 1] = '\n';
-            queue_send(c, piece, sizeof piece);
-            ++pieces_sent_;
-            send_lag_max_ns_ = std::max(send_lag_max_ns_, now - scheduled);
-        }
-    }
-
-    void on_control() {
-        char buf[256];
-        ssize_t n = recv(control_fd_, buf, sizeof buf, 0);
-        if (n <= 0) {
-            quit_ = true;
-            return;
-        }
-        control_in_.append(buf, static_cast<size_t>(n));
-        size_t eol;
-        while ((eol = control_in_.find('\n')) != std::string::npos) {
-            std::string line = control_in_.substr(0, eol);
-            control_in_.erase(0, eol + 1);
-            command(line);
-        }
-    }
-
-    void reply(const std::string& line) {
-        std::string text = line + "\n";
-        if (!send_all(control_fd_, text.data(), text.size())) {
-            quit_ = true;
-        }
-    }
-
-    void command(const std::string& line) {
-        if (line == "COUNT") {
-            int up = 0, down = 0;
-            for (Conn* c : by_fd_) {
-                if (c) {
-                    up += c->phase == Conn::kUp;
-                    down += c->phase == Conn::kDown;
-                }
-            }
-            reply("COUNT " + std::to_string(up) + " " + std::to_string(down) + " " +
-                  std::to_string(open_count()));
-        } else if (line == "GO") {
-            downs_.clear();
-            for (Conn* c : by_fd_) {
-                if (c && c->phase == Conn::kDown) {
-                    downs_.push_back(c);
-                }
-            }
-            frame_late_us_.clear();
-            pieces_sent_ = 0;
-            send_lag_max_ns_ = 0;
-            cpu_go_ = process_cpu_seconds();
-            go_ns_ = now_ns() + 5 * 1000 * 1000;
-            next_event_ = 0;
-            streaming_ = !downs_.empty();
-            reply("GO " + std::to_string(downs_.size()) + " " + std::to_string(go_ns_));
-        } else if (line == "STOP") {
-            streaming_ = false;
-            for (Conn* c : downs_) {
-                if (c->fd >= 0 && c->phase == Conn::kDown) {
-                    queue_send(c, kLastChunk, sizeof kLastChunk - 1);
-                }
-            }
-            std::vector<double> late(frame_late_us_.begin(), frame_late_us_.end());
-            size_t over = 0;
-            for (double v : late) {
-                over += v > kOnTimeNs / 1000.0;
-            }
-            char text[256];
-            snprintf(text, sizeof text, "STATS %zu %zu %.1f %.1f %.1f %" PRIu64 " %.3f %.3f",
-                     late.size(), over, quantile(late, 0.5), quantile(late, 0.99), max_of(late),
-                     pieces_sent_, static_cast<double>(send_lag_max_ns_) / 1e6,
-                     process_cpu_seconds() - cpu_go_);
-            downs_.clear();
-            reply(text);
-        } else if (line == "QUIT") {
-            quit_ = true;
-        }
-    }
-
-    int open_count() const {
-        int open = 0;
-        for (Conn* c : by_fd_) {
-            open += c != nullptr;
-        }
-        return open;
-    }
-
-    int ep_ = -1;
-    int listen_fd_;
-    int control_fd_;
-    std::vector<std::unique_ptr<Conn>> all_;  // never shrinks: downs_ may point at closed ones
-    std::vector<Conn*> by_fd_;
-    std::string control_in_;
-    bool quit_ = false;
-    bool streaming_ = false;
-    std::vector<Conn*> downs_;
-    int64_t go_ns_ = 0;
-    uint64_t next_event_ = 0;
-    std::vector<float> frame_late_us_;
-    uint64_t pieces_sent_ = 0;
-    int64_t send_lag_max_ns_ = 0;
-    double cpu_go_ = 0;
-};
-
-// ---------------------------------------------------------------------------------------------
-// Client side: control of the server child
-
-class ServerProcess {
-public:
-    ServerProcess() {
-        int pair[2];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
-            perror("socketpair");
-            exit(1);
-        }
-        int listen_fd = listen_loopback(&port_, 4096);
-        pid_ = fork();
-        if (pid_ < 0) {
-            perror("fork");
-            exit(1);
-        }
-        if (pid_ == 0) {
-            close(pair[0]);
-            Server server(listen_fd, pair[1]);
-            server.run();
-            _exit(0);
-        }
-        close(pair[1]);
-        close(listen_fd);
-        fd_ = pair[0];
-    }
-
-    ~ServerProcess() {
-        send_line("QUIT");
-        close(fd_);
-        for (int i = 0; i < 50; ++i) {
-            if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-                return;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-
-    // Sends a command and returns the reply line (empty on timeout).
-    std::string ask(const std::string& command, int timeout_ms = 5000) {
-        if (!send_line(command)) {
-            return std::string();
-        }
-        const int64_t deadline = now_ns() + static_cast<int64_t>(timeout_ms) * 1000000;
-        size_t eol;
-        while ((eol = in_.find('\n')) == std::string::npos) {
-            int left = static_cast<int>((deadline - now_ns()) / 1000000);
-            pollfd p{fd_, POLLIN, 0};
-            if (left <= 0 || poll(&p, 1, left) <= 0) {
-                return std::string();
-            }
-            char buf[512];
-            ssize_t n = recv(fd_, buf, sizeof buf, 0);
-            if (n <= 0) {
-                return std::string();
-            }
-            in_.append(buf, static_cast<size_t>(n));
-        }
-        std::string line = in_.substr(0, eol);
-        in_.erase(0, eol + 1);
-        return line;
-    }
-
-    // Waits until the server has `up` upload and `down` download streams (and `open` sockets
-    // in all, -1: any).
-    bool wait_count(int up, int down, int open, int timeout_ms) {
-        const int64_t deadline = now_ns() + static_cast<int64_t>(timeout_ms) * 1000000;
-        while (now_ns() < deadline) {
-            int u = -1, d = -1, o = -1;
-            if (sscanf(ask("COUNT").c_str(), "COUNT %d %d %d", &u, &d, &o) == 3 && u == up &&
-                d == down && (open < 0 || o == open)) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return false;
-    }
-
-    std::string url(const char* path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
-    }
-
-private:
-    bool send_line(const std::string& line) {
-        std::string text = line + "\n";
-        return send_all(fd_, text.data(), text.size());
-    }
-
-    pid_t pid_ = -1;
-    int fd_ = -1;
-    uint16_t port_ = 0;
-    std::string in_;
-};
-
-// ---------------------------------------------------------------------------------------------
-// Client side: streams
-
-// Delays (callback time - scheduled time) of the download pieces of one stream. Pieces of one
-// stream arrive on one thread, one after another, so no lock is needed.
-struct PieceCollector {
-    std::vector<float> delay_us;
-    RecordReader<kRecord> reader;
-
-    void feed(const char* data, size_t len) {
-        const int64_t now = now_ns();
-        reader.feed(data, len, [&](const char* record) {
-            int64_t scheduled;
-            memcpy(&scheduled, record, 8);
-            delay_us.push_back(static_cast<float>(now - scheduled) / 1000.0f);
-        });
-    }
-};
-
-class DownCaller : public StreamCaller {
-public:
-    void on_piece(const char* data, size_t len) override { pieces.feed(data, len); }
-    PieceCollector pieces;
-};
-
-// Calls send(pair, frame) for every pair every 40 ms, pairs spread evenly over the period, from
-// `start` for `duration_ns`. Returns the number of frames and the worst lateness of a send call.
-template <typename Send>
-void produce_frames(int pairs, int64_t start, int64_t duration_ns, Send&& send, uint64_t* frames,
-                    double* worst_lag_ms) {
-    unsigned char frame[kFrame];
-    for (size_t i = 16; i < kFrame; ++i) {
-        frame[i] = static_cast<unsigned char>(i);
-    }
-    int64_t worst = 0;
-    uint64_t e = 0;
-    for (;; ++e) {
-        const int64_t scheduled =
-            start + static_cast<int64_t>(e) * kPeriodNs / static_cast<int64_t>(pairs);
-        if (scheduled >= start + duration_ns) {
-            break;
-        }
-        int64_t now = now_ns();
-        if (scheduled > now) {
-            sleep_until_ns(scheduled);
-            now = now_ns();
-        }
-        worst = std::max(worst, now - scheduled);
-        const uint64_t seq = e / static_cast<uint64_t>(pairs);
-        memcpy(frame, &scheduled, 8);
-        memcpy(frame + 8, &seq, 8);
-        send(static_cast<int>(e % static_cast<uint64_t>(pairs)), frame);
-    }
-    *frames = e;
-    *worst_lag_ms = static_cast<double>(worst) / 1e6;
-}
-
-// Voluntary context switches of the whole process so far (each is a thread going to sleep).
-long voluntary_switches() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_nvcsw;
-}
-
-// Resident KiB of the thread stacks (anonymous 8 MiB read-write mappings) and their number.
-void stack_rss(int* stacks, long* kib) {
-    *stacks = 0;
-    *kib = 0;
-    FILE* f = fopen("/proc/self/smaps", "r");
-    if (!f) {
-        return;
-    }
-    char line[512];
-    bool in_stack = false;
-    while (fgets(line, sizeof line, f)) {
-        unsigned long start, end;
-        char perms[8];
-        if (sscanf(line, "%lx-%lx %7s", &start, &end, perms) == 3 && strchr(line, '/') == nullptr) {
-            in_stack = end - start == 8UL << 20 && strcmp(perms, "rw-p") == 0;
-            *stacks += in_stack;
-        } else if (in_stack && strncmp(line, "Rss:", 4) == 0) {
-            *kib += atol(line + 4);
-        }
-    }
-    fclose(f);
-}
-
-struct StepResult {
+// What one step process measured.
+struct Step {
     int pairs = 0;
-    bool connected = false;
-    bool finals_ok = false;
-    uint64_t frames = 0, frames_late = 0, frames_seen = 0;
-    uint64_t pieces_sent = 0, pieces_late = 0, pieces_seen = 0;
-    double up_p99_ms = 0, up_max_ms = 0, down_p99_ms = 0, down_max_ms = 0;
-    double producer_lag_ms = 0, server_lag_ms = 0;
-    double cpu_pct = 0, server_cpu_pct = 0;
-    double kib_per_pair = 0;
-    double idle_cpu_pct = 0;       // CPU with every pair connected and nothing flowing
-    double idle_sleeps_per_s = 0;  // voluntary context switches per second, idle
-    int stacks = 0;                // thread stacks and their resident KiB, idle
-    long stack_kib = 0;
-    double sleeps_per_s = 0;  // the same while streaming
-    unsigned ncpu = 1;
+    double cpu = 0, server_cpu = 0, idle_cpu = 0, kib = 0, others = 0;  // CPU in % of one core
+    long frames = 0, frames_seen = 0, frames_late = 0, pieces = 0, pieces_seen = 0, pieces_late = 0,
+         finals_bad = 0, threads = 0, files = 0;
+    double frame_p99 = 0, piece_p99 = 0;
+    char fail[200] = "";
 
-    uint64_t on_time() const { return (frames_seen - frames_late) + (pieces_seen - pieces_late); }
-    uint64_t expected() const { return frames + pieces_sent; }
-    double on_time_pct() const {
-        return expected() ? 100.0 * static_cast<double>(on_time()) / expected() : 0;
-    }
-    bool carried() const {
-        return connected && finals_ok && on_time() == expected() && cpu_pct < 80.0;
+    long late() const { return frames_late + pieces_late; }
+    long missing() const { return (frames - frames_seen) + (pieces - pieces_seen); }
+    // Why the step was not carried; empty when it was.
+    std::string why() const {
+        if (fail[0]) {
+            return fail;
+        }
+        std::string why;
+        if (late() || missing()) {
+            why += fmt("%ld late and %ld missing of %ld frames and pieces; ", late(), missing(),
+                       frames + pieces);
+        }
+        if (finals_bad) {
+            why += fmt("%ld transfers without a clean final delivery; ", finals_bad);
+        }
+        if (cpu >= 80.0 * cpu_count()) {
+            why += fmt("client CPU %.0f%% of one core is over 80%% of all cores; ", cpu);
+        }
+        return why.empty() ? why : why.substr(0, why.size() - 2);
     }
 };
 
-// The streaming window common to both clients: GO, frames for `seconds`, settle, STOP. Fills
-// the timing and CPU fields of `r`.
-template <typename Send>
-bool stream_window(ServerProcess& server, int pairs, double seconds, Send&& send, StepResult& r) {
-    long long go_ns = 0;
-    int downs = 0;
-    if (sscanf(server.ask("GO").c_str(), "GO %d %lld", &downs, &go_ns) != 2 || downs != pairs) {
-        fprintf(stderr, "server did not start streaming\n");
+// The pairs of one side: the layer's two tasks each, or raw libcurl's two threads blocked in
+// curl_easy_perform. Both sides allocate the same Pair, so that it weighs alike in their memory.
+struct Fleet {
+    struct Pair {
+        kiv_shared_ptr<LayerStream> up{new LayerStream}, down{new LayerStream};
+        kiv_shared_ptr<kiv_http_request_maker> up_task, down_task;
+        PlainQueue queue;
+        long up_status = 0, down_status = 0;
+        std::thread up_thread, down_thread;
+    };
+    explicit Fleet(bool layer_side) : layer(layer_side) {}
+    const bool layer;
+    std::deque<Pair> pairs;
+    kiv_shared_ptr<unsigned char> buffer = kiv::Memory::make_shared_array<unsigned char>(kFrame);
+
+    bool open(LoopbackServer& server) {
+        Pair& p = pairs.emplace_back();
+        p.down->sink.records = true;
+        const std::string up = server.url("/up/frames"), down = server.url("/stream");
+        if (layer) {
+            p.up_task = LayerStream::start(up, true, p.up);
+            p.down_task = LayerStream::start(down, false, p.down);
+            return true;
+        }
+        try {
+            p.up_thread = std::thread([&p, up] { p.up_status = raw_upload(up, &p.queue); });
+            p.down_thread =
+                std::thread([&p, down] { p.down_status = raw_download(down, &p.down->sink); });
+        } catch (const std::system_error&) {
+            return false;
+        }
+        return true;
+    }
+    // send_data copies the bytes, so one buffer serves every frame.
+    void send(size_t i, const unsigned char* frame, size_t len, bool last) {
+        if (layer) {
+            std::copy(frame, frame + len, buffer.getPTR());
+            pairs[i].up_task->send_data(buffer, static_cast<long>(len), last);
+        } else {
+            pairs[i].queue.push(frame, len, last);
+        }
+    }
+    bool wait(size_t i, int64_t deadline) {  // raw: bounded by the step's alarm
+        Pair& p = pairs[i];
+        const int left = static_cast<int>((deadline - now_ns()) / 1000000);
+        if (layer) {
+            return p.up->wait_ok(left) && p.down->wait_ok(left);
+        }
+        p.up_thread.join();
+        p.down_thread.join();
+        return p.up_status == 200 && p.down_status == 200;
+    }
+};
+
+double client_cpu(LoopbackServer& server) {
+    return process_cpu_seconds() - server.cpu_seconds();
+}
+
+// Connects `n` pairs and waits for the server to see them all; false with `why` filled when
+// they did not all come up.
+bool bring_up(Fleet& fleet, LoopbackServer& server, int n, char (&why)[200]) {
+    for (int i = 0; i < n; ++i) {
+        if (!fleet.open(server)) {
+            snprintf(why, sizeof why, "thread creation failed at pair %d (%d threads)", i + 1,
+                     thread_count());
+            return false;
+        }
+    }
+    int ups = 0, downs = 0;
+    const int64_t deadline = now_ns() + (10000 + 5LL * n) * 1000000;
+    while (server.count(&ups, &downs), (ups < n || downs < n) && now_ns() < deadline) {
+        sleep_ms(20);
+    }
+    if (ups < n || downs < n) {
+        snprintf(why, sizeof why,
+                 "only %d of %d uploads and %d of %d downloads came up (%d threads and %d open "
+                 "files in the process)",
+                 ups, n, downs, n, thread_count(), open_files());
         return false;
     }
-    const double cpu0 = process_cpu_seconds();
-    const long switches0 = voluntary_switches();
-    const int64_t wall0 = now_ns();
-    const int64_t duration = static_cast<int64_t>(seconds * 1e9);
-    produce_frames(pairs, go_ns, duration, send, &r.frames, &r.producer_lag_ms);
-    const double cpu = process_cpu_seconds() - cpu0;
-    const double wall = static_cast<double>(now_ns() - wall0) * 1e-9;
-    r.sleeps_per_s = static_cast<double>(voluntary_switches() - switches0) / wall;
-    // Frames still in flight get the on-time allowance before the server counts.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    std::string stats = server.ask("STOP");
-    unsigned long long seen = 0, late = 0, sent = 0;
-    double p50 = 0, p99 = 0, mx = 0, lag = 0, server_cpu = 0;
-    if (sscanf(stats.c_str(), "STATS %llu %llu %lf %lf %lf %llu %lf %lf", &seen, &late, &p50, &p99,
-               &mx, &sent, &lag, &server_cpu) != 8) {
-        fprintf(stderr, "no stats from the server\n");
-        return false;
-    }
-    r.frames_seen = seen;
-    r.frames_late = late;
-    r.up_p99_ms = p99 / 1000;
-    r.up_max_ms = mx / 1000;
-    r.pieces_sent = sent;
-    r.server_lag_ms = lag;
-    r.ncpu = std::max(1u, std::thread::hardware_concurrency());
-    r.cpu_pct = 100.0 * cpu / (wall * r.ncpu);
-    r.server_cpu_pct = 100.0 * server_cpu / ((wall + 0.3) * r.ncpu);
     return true;
 }
 
-// Lets the connected pairs settle, then measures one idle second.
-void measure_idle(StepResult& r) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    const double cpu0 = process_cpu_seconds();
-    const long switches0 = voluntary_switches();
-    const int64_t wall0 = now_ns();
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    const double wall = static_cast<double>(now_ns() - wall0) * 1e-9;
-    r.ncpu = std::max(1u, std::thread::hardware_concurrency());
-    r.idle_cpu_pct = 100.0 * (process_cpu_seconds() - cpu0) / (wall * r.ncpu);
-    r.idle_sleeps_per_s = static_cast<double>(voluntary_switches() - switches0) / wall;
-    stack_rss(&r.stacks, &r.stack_kib);
+// Sends every pair a frame every 40 ms for `seconds`, the pairs spread over the period; each
+// frame starts with its scheduled time. Returns the number of frames.
+long produce(Fleet& fleet, size_t n, int64_t start, double seconds) {
+    unsigned char frame[kFrame];
+    memset(frame, 'f', sizeof frame);
+    const int64_t end = start + static_cast<int64_t>(seconds * 1e9);
+    long e = 0;
+    for (;; ++e) {
+        const int64_t at = start + e * kFramePeriod / static_cast<int64_t>(n);
+        if (at >= end) {
+            return e;
+        }
+        if (at > now_ns()) {
+            sleep_until_ns(at);
+        }
+        memcpy(frame, &at, sizeof at);
+        fleet.send(static_cast<size_t>(e) % n, frame, kFrame, false);
+    }
 }
 
-void collect_pieces(const std::vector<const PieceCollector*>& collectors, StepResult& r) {
-    std::vector<double> all;
-    for (const PieceCollector* c : collectors) {
-        for (float d : c->delay_us) {
-            all.push_back(d);
-            r.pieces_late += d > kOnTimeNs / 1000.0;
+// Streams on every pair for `seconds`, then ends every transfer cleanly (the last upload chunk,
+// the last download chunk) and fills the streaming figures of `s`.
+void stream(Fleet& fleet, LoopbackServer& server, double seconds, Step& s) {
+    const int64_t start = now_ns() + 5000000;
+    server.go(start, kPiecePeriod);
+    const double cpu0 = client_cpu(server), server0 = server.cpu_seconds();
+    s.frames = produce(fleet, fleet.pairs.size(), start, seconds);
+    const double wall = static_cast<double>(now_ns() - start) * 1e-9;
+    s.cpu = 100 * (client_cpu(server) - cpu0) / wall;
+    s.server_cpu = 100 * (server.cpu_seconds() - server0) / wall;
+    s.others = others_pct();
+    sleep_ms(kLateMs + 100);  // frames in flight get their allowance
+    LoopbackServer::Figures figures = server.stop();
+    for (size_t i = 0; i < fleet.pairs.size(); ++i) {
+        fleet.send(i, nullptr, 0, true);
+    }
+    const int64_t deadline = now_ns() + 15000000000LL;
+    std::vector<double> pieces;
+    for (size_t i = 0; i < fleet.pairs.size(); ++i) {
+        s.finals_bad += fleet.wait(i, deadline) ? 0 : 1;
+        for (float d : fleet.pairs[i].down->sink.delay_ms) {
+            pieces.push_back(d);
+            s.pieces_late += d > kLateMs;
         }
     }
-    r.pieces_seen = all.size();
-    r.down_p99_ms = quantile(all, 0.99) / 1000;
-    r.down_max_ms = max_of(all) / 1000;
+    for (double d : figures.frame_delay_ms) {
+        s.frames_late += d > kLateMs;
+    }
+    s.frames_seen = static_cast<long>(figures.frame_delay_ms.size());
+    s.pieces = static_cast<long>(figures.pieces_sent);
+    s.pieces_seen = static_cast<long>(pieces.size());
+    s.frame_p99 = quantile(figures.frame_delay_ms, 0.99);
+    s.piece_p99 = quantile(pieces, 0.99);
 }
 
-// One step with the layer.
-StepResult layer_step(ServerProcess& server, int pairs, double seconds, long rss_base) {
-    StepResult r;
-    r.pairs = pairs;
-    struct Pair {
-        kiv_shared_ptr<StreamCaller> up_param;
-        kiv_shared_ptr<DownCaller> down;
-        kiv_shared_ptr<StreamCaller> down_param;
-        kiv_shared_ptr<kiv_http_request_maker> up_task, down_task;
-    };
-    std::vector<std::unique_ptr<Pair>> all;
-    const std::string up_url = server.url("/up"), down_url = server.url("/down");
-    for (int i = 0; i < pairs; ++i) {
-        all.emplace_back(new Pair);
-        Pair& p = *all.back();
-        p.up_param = new StreamCaller;
-        p.down = new DownCaller;
-        p.down->pieces.delay_us.reserve(static_cast<size_t>(seconds * 25) + 16);
-        p.down_param.copyControlObject(&p.down);
-        p.up_task = start_stream(up_url, kiv::Networking::HTTP_REQUEST_METHOD_CHUNK_UP, p.up_param);
-        p.down_task =
-            start_stream(down_url, kiv::Networking::HTTP_REQUEST_METHOD_CHUNK_DOWN, p.down_param);
+// The fleets are never freed: the process ends with _exit, and after a failed step threads may
+// still run transfers (or start queued ones) that use their pairs.
+void measure(bool layer, LoopbackServer& server, int n, double seconds, double idle, Step& s) {
+    Step warm;  // pool, timer thread, allocator and libcurl first-use costs go into the baseline
+    Fleet* few = new Fleet(layer);
+    if (bring_up(*few, server, 4, warm.fail)) {
+        stream(*few, server, 0.1, warm);
     }
-    r.connected = server.wait_count(pairs, pairs, -1, 20000);
-    measure_idle(r);
-    r.kib_per_pair = static_cast<double>(rss_kib() - rss_base) / pairs;
-
-    // send_data copies the bytes, so one buffer serves every frame.
-    kiv_shared_ptr<unsigned char> buffer = kiv::Memory::make_shared_array<unsigned char>(kFrame);
-    bool streamed = r.connected && stream_window(
-                                       server, pairs, seconds,
-                                       [&](int pair, const unsigned char* frame) {
-                                           memcpy(buffer.getPTR(), frame, kFrame);
-                                           all[static_cast<size_t>(pair)]->up_task->send_data(
-                                               buffer, static_cast<long>(kFrame), false);
-                                       },
-                                       r);
-    if (!streamed) {
-        server.ask("STOP");
+    sleep_ms(200);
+    const long rss0 = rss_kib();
+    Fleet& fleet = *new Fleet(layer);
+    const bool up = bring_up(fleet, server, n, s.fail);
+    s.threads = thread_count();
+    s.files = open_files();
+    if (!up) {
+        return;
     }
-    for (auto& p : all) {
-        p->up_task->send_data(buffer, 0, true);
-    }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    r.finals_ok = true;
-    for (auto& p : all) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        bool up = p->up_param->wait_final(std::max(left, std::chrono::milliseconds(1)));
-        bool down = p->down->wait_final(std::chrono::milliseconds(
-            std::max<long long>(1, std::chrono::duration_cast<std::chrono::milliseconds>(
-                                       deadline - std::chrono::steady_clock::now())
-                                       .count())));
-        if (!up || !down || p->up_param->final_status != 200 || p->down->final_status != 200 ||
-            p->down->final_error != kiv::Networking::HTTP_REQUEST_HTTPS_REQ_SUC) {
-            r.finals_ok = false;
-        }
-    }
-    std::vector<const PieceCollector*> collectors;
-    for (auto& p : all) {
-        collectors.push_back(&p->down->pieces);
-    }
-    collect_pieces(collectors, r);
-    for (auto& p : all) {
-        if (!p->up_param->finished || !p->down->finished) {
-            p->up_task->cancel();
-            p->down_task->cancel();
-        }
-    }
-    all.clear();
-    server.wait_count(0, 0, 0, 10000);
-    return r;
+    sleep_ms(500);
+    begin_phase();
+    const double cpu0 = client_cpu(server);
+    sleep_ms(idle * 1000);
+    s.idle_cpu = 100 * (client_cpu(server) - cpu0) / idle;
+    s.kib = static_cast<double>(rss_kib() - rss0) / n;
+    stream(fleet, server, seconds, s);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Plain libcurl, one thread per transfer
-
-size_t raw_piece(char* ptr, size_t size, size_t nmemb, void* userdata) {
-    static_cast<PieceCollector*>(userdata)->feed(ptr, size * nmemb);
-    return size * nmemb;
-}
-
-StepResult raw_step(ServerProcess& server, int pairs, double seconds, long rss_base) {
-    StepResult r;
-    r.pairs = pairs;
-    struct Pair {
-        PlainByteQueue queue;
-        PieceCollector pieces;
-        std::atomic<bool> cancelled{false};
-        long up_status = 0, down_status = 0;
-        std::thread up, down;
-    };
-    std::vector<std::unique_ptr<Pair>> all;
-    const std::string up_url = server.url("/up"), down_url = server.url("/down");
-    auto perform = [](CURL* curl, curl_slist* headers, long* status) {
-        CURLcode code = curl_easy_perform(curl);
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, status);
-        if (code != CURLE_OK) {
-            *status = -static_cast<long>(code);
-        }
-        curl_easy_cleanup(curl);
-        curl_slist_free_all(headers);
-    };
-    for (int i = 0; i < pairs; ++i) {
-        all.emplace_back(new Pair);
-        Pair* p = all.back().get();
-        p->pieces.delay_us.reserve(static_cast<size_t>(seconds * 25) + 16);
-        p->up = std::thread([p, &up_url, perform] {
-            CURL* curl = curl_easy_init();
-            curl_slist* h =
-                raw_upload_options(curl, up_url, &PlainByteQueue::read, &p->queue, &p->cancelled);
-            perform(curl, h, &p->up_status);
-        });
-        p->down = std::thread([p, &down_url, perform] {
-            CURL* curl = curl_easy_init();
-            curl_slist* h =
-                raw_download_options(curl, down_url, &raw_piece, &p->pieces, &p->cancelled);
-            perform(curl, h, &p->down_status);
-        });
+// The step process: measures one side once and writes its Step to the parent through stdout.
+int run_step(bool layer, int n, double seconds, double idle) {
+    alarm(static_cast<unsigned>(60 + seconds + idle + n / 50));
+    Step s;
+    s.pairs = n;
+    // Each transfer holds its socket and libcurl's wake-up socket pair, and the server, in this
+    // process, its end of the connection: eight descriptors a pair.
+    const rlim_t need = 8 * static_cast<rlim_t>(n) + 64, limit = raise_nofile(need);
+    if (need > limit) {
+        snprintf(s.fail, sizeof s.fail, "%d pairs need %lu descriptors; the open-file limit is %lu",
+                 n, static_cast<unsigned long>(need), static_cast<unsigned long>(limit));
+    } else {
+        start(1, nullptr, true);
+        LoopbackServer server;
+        measure(layer, server, n, seconds, idle, s);
     }
-    r.connected = server.wait_count(pairs, pairs, -1, 20000);
-    measure_idle(r);
-    r.kib_per_pair = static_cast<double>(rss_kib() - rss_base) / pairs;
-    bool streamed =
-        r.connected && stream_window(
-                           server, pairs, seconds,
-                           [&](int pair, const unsigned char* frame) {
-                               all[static_cast<size_t>(pair)]->queue.push(frame, kFrame, false);
-                           },
-                           r);
-    if (!streamed) {
-        server.ask("STOP");
-    }
-    for (auto& p : all) {
-        p->queue.push(nullptr, 0, true);
-    }
-    r.finals_ok = true;
-    for (auto& p : all) {
-        p->up.join();
-        p->down.join();
-        r.finals_ok = r.finals_ok && p->up_status == 200 && p->down_status == 200;
-    }
-    std::vector<const PieceCollector*> collectors;
-    for (auto& p : all) {
-        collectors.push_back(&p->pieces);
-    }
-    collect_pieces(collectors, r);
-    all.clear();
-    server.wait_count(0, 0, 0, 10000);
-    return r;
-}
-
-// ---------------------------------------------------------------------------------------------
-// Driver
-
-std::vector<int> parse_steps(const char* text) {
-    std::vector<int> steps;
-    if (strcmp(text, "none") == 0) {
-        return steps;
-    }
-    for (const char* p = text; *p;) {
-        char* end;
-        long v = strtol(p, &end, 10);
-        if (end == p) {
-            break;
-        }
-        if (v > 0) {
-            steps.push_back(static_cast<int>(v));
-        }
-        p = *end == ',' ? end + 1 : end;
-    }
-    return steps;
-}
-
-void print_step(const char* who, const StepResult& r) {
-    printf("%s %4d pairs: on-time %7.3f%% (late or missing %" PRIu64 " of %" PRIu64
-           "; upload p99 %.1f ms max %.1f ms, download p99 %.1f ms max %.1f ms), client CPU %.1f%% "
-           "of %u cores (server %.1f%%), memory per idle pair %.0f KiB, finals %s -> %s\n",
-           who, r.pairs, r.on_time_pct(), r.expected() - r.on_time(), r.expected(), r.up_p99_ms,
-           r.up_max_ms, r.down_p99_ms, r.down_max_ms, r.cpu_pct, r.ncpu, r.server_cpu_pct,
-           r.kib_per_pair, r.finals_ok ? "ok" : "MISSING", r.carried() ? "carried" : "NOT carried");
-    printf(
-        "     idle (connected, nothing flowing): client CPU %.1f%%, %.0f thread sleeps/s, %d "
-        "thread stacks of %.1f KiB resident each; streaming: %.0f thread sleeps/s (%.1f per frame "
-        "or piece)\n",
-        r.idle_cpu_pct, r.idle_sleeps_per_s, r.stacks,
-        r.stacks ? static_cast<double>(r.stack_kib) / r.stacks : 0.0, r.sleeps_per_s,
-        r.sleeps_per_s * kPeriodNs / 1e9 / (2.0 * r.pairs));
-    if (r.producer_lag_ms > 50 || r.server_lag_ms > 50) {
-        printf("     (frame producer lag max %.1f ms, server send lag max %.1f ms)\n",
-               r.producer_lag_ms, r.server_lag_ms);
-    }
+    fwrite(&s, sizeof s, 1, stdout);
     fflush(stdout);
+    _exit(0);  // threads may still be blocked in transfers that never came up
 }
 
-// Runs `steps` with one kind of client in this process; returns the results.
-std::vector<StepResult> run_steps(bool raw, const std::vector<int>& steps, double seconds) {
-    ServerProcess server;  // forked before libcurl or any thread exists
-    curl_global_init(CURL_GLOBAL_ALL);
-    kiv::set_log_level(2);
-    std::vector<StepResult> results;
-    // Warm-up (pool, timer thread, allocator arenas, libcurl) so the baseline includes them.
-    StepResult warm = raw ? raw_step(server, 4, 0.5, rss_kib()) : layer_step(server, 4, 0.5, 0);
-    if (!warm.finals_ok) {
-        fprintf(stderr, "warm-up step failed\n");
+// Runs one step in a new process of this program.
+Step spawn(bool layer, int n, double seconds, double idle) {
+    char self[4096] = {};
+    if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) {
+        perror("/proc/self/exe");
+        exit(1);
     }
-    const long rss_base = rss_kib();
-    for (int pairs : steps) {
-        StepResult r = raw ? raw_step(server, pairs, seconds, rss_base)
-                           : layer_step(server, pairs, seconds, rss_base);
-        print_step(raw ? "raw libcurl" : "layer      ", r);
-        results.push_back(r);
+    FILE* child = popen(
+        fmt("'%s' --step %s %d %g %g", self, layer ? "layer" : "raw", n, seconds, idle).c_str(),
+        "r");
+    Step s;
+    s.pairs = n;
+    const bool read = child && fread(&s, sizeof s, 1, child) == 1;
+    const int status = child ? pclose(child) : -1;
+    if (!read) {  // SIGALRM (14) is the step's time bound
+        snprintf(s.fail, sizeof s.fail, "the step process ended without its figures (%s %d)",
+                 WIFSIGNALED(status) ? "signal" : "status",
+                 WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
     }
-    curl_global_cleanup();
-    return results;
+    const std::string why = s.why();
+    printf(
+        "  %-5s %4d pairs: client CPU %5.1f%% of a core (server %.1f%%), idle %.2f%%, "
+        "%.0f KiB per pair, %ld threads, %ld files, p99 piece %.2f ms frame %.2f ms, others "
+        "%.0f%%: %s\n",
+        layer ? "layer" : "raw", n, s.cpu, s.server_cpu, s.idle_cpu, s.kib, s.threads, s.files,
+        s.piece_p99, s.frame_p99, s.others,
+        why.empty() ? "carried" : ("NOT carried: " + why).c_str());
+    fflush(stdout);
+    return s;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    raise_nofile(65536);
-    if (argc > 1 && strcmp(argv[1], "--raw") == 0) {
-        // The comparison run, started by the main run in a fresh process.
-        const std::vector<int> steps = parse_steps(argc > 2 ? argv[2] : "500");
-        const double seconds = argc > 3 ? atof(argv[3]) : 10;
-        for (const StepResult& r : run_steps(true, steps, seconds)) {
-            printf("RAW %d %.3f %.1f %.0f %d %.1f\n", r.pairs, r.on_time_pct(), r.cpu_pct,
-                   r.kib_per_pair, r.carried() ? 1 : 0, r.idle_cpu_pct);
-        }
-        return 0;
+    if (argc == 6 && strcmp(argv[1], "--step") == 0) {
+        return run_step(strcmp(argv[2], "layer") == 0, atoi(argv[3]), atof(argv[4]), atof(argv[5]));
     }
-    const std::vector<int> steps = parse_steps(argc > 1 ? argv[1] : "100,200,300,500");
-    const double seconds = argc > 2 ? atof(argv[2]) : 10;
-    const char* raw_steps = argc > 3 ? argv[3] : "500";
-    if (steps.empty() || seconds <= 0 || seconds > 30) {
-        fprintf(stderr, "usage: %s [steps=100,200,300,500] [seconds<=30] [raw_steps|none]\n",
-                argv[0]);
-        return 2;
-    }
-    const int64_t start = now_ns();
-    int most = 0;
-    for (int s : steps) {
-        most = std::max(most, s);
-    }
-    if (2 * most > kiv::Threads::GlobalThreadPool::MAX_POOL_THREAD_COUNT) {
-        // Each transfer holds one worker for its whole life; beyond the cap transfers would
-        // queue and never start, so such a step needs the cap raised (before the pool exists).
-        printf("note: %d pairs need %d workers; raising MAX_POOL_THREAD_COUNT from %d\n", most,
-               2 * most, kiv::Threads::GlobalThreadPool::MAX_POOL_THREAD_COUNT);
-        kiv::Threads::GlobalThreadPool::MAX_POOL_THREAD_COUNT = 2 * most + 16;
-    }
-    printf("scale: steps %s pairs, %.0f s each, frames of %zu bytes and pieces every 40 ms\n",
-           argc > 1 ? argv[1] : "100,200,300,500", seconds, kFrame);
-    fflush(stdout);
-    std::vector<StepResult> layer = run_steps(false, steps, seconds);
+    start(argc, argv, false);
+    const int pairs = static_cast<int>(arg("pairs", 500, 100));
+    const double seconds = arg("seconds", 10, 2);
+    const double idle = arg("idle", 3, 1);
+    const int rounds = static_cast<int>(arg("rounds", 2, 1));
+    const double scan_seconds = arg("scan-seconds", 5, 1);
+    const int max_pairs = static_cast<int>(arg("max-pairs", 4096, 128));
 
-    // The comparison in a fresh process; its step lines pass through, its results are parsed.
-    struct RawLine {
-        int pairs;
-        double on_time, cpu, kib;
-        int carried;
-        double idle_cpu;
+    printf("real time: %d pairs, %d rounds of %g s per side\n", pairs, rounds, seconds);
+    std::vector<Step> sides[2];  // [0] layer, [1] raw
+    alternate(rounds, [&](bool layer) {
+        sides[layer ? 0 : 1].push_back(spawn(layer, pairs, seconds, idle));
+    });
+    std::vector<double> others;
+    long late[2] = {0, 0}, missing[2] = {0, 0};
+    for (int k = 0; k < 2; ++k) {
+        for (const Step& s : sides[k]) {
+            others.push_back(s.others);
+            late[k] += s.late();
+            missing[k] += s.missing() + s.finals_bad;
+        }
+    }
+    const double load = quantile(others, 0.5);
+    const std::string n = fmt(" pairs=%d", pairs);
+    auto both = [&](const char* name, double Step::*field, const char* unit) {  // medians
+        std::vector<double> v[2];
+        for (int k = 0; k < 2; ++k) {
+            for (const Step& s : sides[k]) {
+                v[k].push_back(s.*field);
+            }
+        }
+        const double l = quantile(v[0], 0.5), r = quantile(v[1], 0.5);
+        result(name, l, r, unit, n + fmt(" diff=%.3f", l - r), load);
     };
-    std::vector<RawLine> raw;
-    if (strcmp(raw_steps, "none") != 0) {
-        char self[4096];
-        ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-        if (n > 0) {
-            self[n] = 0;
-            std::string command =
-                std::string("'") + self + "' --raw " + raw_steps + " " + std::to_string(seconds);
-            FILE* child = popen(command.c_str(), "r");
-            char line[1024];
-            while (child && fgets(line, sizeof line, child)) {
-                RawLine r{};
-                if (sscanf(line, "RAW %d %lf %lf %lf %d %lf", &r.pairs, &r.on_time, &r.cpu, &r.kib,
-                           &r.carried, &r.idle_cpu) == 6) {
-                    raw.push_back(r);
-                } else {
-                    fputs(line, stdout);
-                    fflush(stdout);
-                }
-            }
-            if (child) {
-                pclose(child);
-            }
-        }
-    }
+    both("scale_rt_client_cpu", &Step::cpu, "%core");
+    result("scale_rt_late", static_cast<double>(late[0]), static_cast<double>(late[1]), "count",
+           n + fmt(" late_ms=%.0f", kLateMs), load);
+    result("scale_rt_missing", static_cast<double>(missing[0]), static_cast<double>(missing[1]),
+           "count", n + " of=frames+pieces+finals", load);
+    both("scale_rt_piece_p99", &Step::piece_p99, "ms");
+    both("scale_rt_frame_p99", &Step::frame_p99, "ms");
+    both("scale_idle_client_cpu", &Step::idle_cpu, "%core");
+    both("scale_memory_per_pair", &Step::kib, "KiB");
 
-    printf("\nSUMMARY bench_scale (%.0f s)\n", static_cast<double>(now_ns() - start) * 1e-9);
-    int carried = 0;
-    for (const StepResult& r : layer) {
-        printf(
-            "scale layer %d pairs: on-time %.3f%%, client CPU %.1f%% (server %.1f%%, client idle "
-            "%.1f%%), %.0f KiB per idle pair: %s\n",
-            r.pairs, r.on_time_pct(), r.cpu_pct, r.server_cpu_pct, r.idle_cpu_pct, r.kib_per_pair,
-            r.carried() ? "carried" : "NOT carried");
-        if (r.carried()) {
-            carried = std::max(carried, r.pairs);
-        }
-    }
-    for (const RawLine& r : raw) {
-        const StepResult* same = nullptr;
-        for (const StepResult& l : layer) {
-            if (l.pairs == r.pairs) {
-                same = &l;
+    printf("capacity: doubling from 64 to %d pairs, %g s each\n", max_pairs, scan_seconds);
+    int carried[2] = {0, 0}, stop[2] = {0, 0};
+    std::string why[2];
+    double kib[2] = {0, 0};
+    int kib_pairs = 0;
+    others.clear();
+    for (int n = 64, i = 0; n <= max_pairs && (!stop[0] || !stop[1]); n *= 2, ++i) {
+        Step step[2];
+        for (int j = 0; j < 2; ++j) {
+            const int k = (i + j) % 2;
+            if (!stop[k]) {
+                step[k] = spawn(k == 0, n, scan_seconds, 1);
+                others.push_back(step[k].others);
+                why[k] = step[k].why();
+                (why[k].empty() ? carried[k] : stop[k]) = n;
             }
         }
-        printf(
-            "scale raw libcurl %d pairs: on-time %.3f%%, client CPU %.1f%% (client idle %.1f%%), "
-            "%.0f KiB per idle pair: %s",
-            r.pairs, r.on_time, r.cpu, r.idle_cpu, r.kib, r.carried ? "carried" : "NOT carried");
-        if (same && r.cpu > 0) {
-            printf("; layer/raw CPU %.2f, memory %.2f", same->cpu_pct / r.cpu,
-                   r.kib > 0 ? same->kib_per_pair / r.kib : 0.0);
+        if (step[0].kib > 0 && step[1].kib > 0) {  // both connected
+            kib[0] = step[0].kib;
+            kib[1] = step[1].kib;
+            kib_pairs = n;
         }
-        printf("\n");
     }
-    printf("scale result: the layer carried up to %d pairs (%d transfers); target >= 500: %s\n",
-           carried, 2 * carried, carried >= 500 ? "met" : "NOT met");
+    for (int k = 0; k < 2; ++k) {
+        printf("capacity %s: carried %d pairs; %s\n", k ? "raw" : "layer", carried[k],
+               stop[k] ? fmt("stopped at %d: %s", stop[k], why[k].c_str()).c_str()
+                       : "no step failed up to the largest step tried");
+    }
+    result("scale_capacity", carried[0], carried[1], "pairs",
+           fmt(" layer_stop=%d raw_stop=%d max=%d", stop[0], stop[1], max_pairs),
+           quantile(others, 0.5));
+    result("scale_memory_per_pair_max", kib[0], kib[1], "KiB", fmt(" pairs=%d", kib_pairs),
+           quantile(others, 0.5));
     return 0;
 }

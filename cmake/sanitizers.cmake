@@ -5,6 +5,10 @@ target_compile_options(kiv_http_build_flags INTERFACE -Wall -Wextra)
 if(KIV_HTTP_WERROR)
     target_compile_options(kiv_http_build_flags INTERFACE -Werror)
 endif()
+# clang proves the lock annotations (core/utility/thread_annotations.h) on every build.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(kiv_http_build_flags INTERFACE -Wthread-safety)
+endif()
 
 if(KIV_HTTP_BUILD_FUZZERS)
     if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")

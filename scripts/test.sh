@@ -24,6 +24,9 @@ run_suite() {
 echo "== optimised build"
 run_suite build/release -DCMAKE_BUILD_TYPE=Release -DKIV_HTTP_CONSUMER_TESTS=ON
 
+echo "== benchmarks, quick form (a smoke test: they run and print their figures)"
+BENCH_BUILD_DIR=build/release bash scripts/bench.sh --quick
+
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 run_suite build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_HTTP_SANITIZE=address \
     -DKIV_HTTP_BUILD_BENCH=OFF
@@ -31,6 +34,14 @@ run_suite build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_HTTP_SANITIZE=addre
 echo "== ThreadSanitizer build"
 CTEST_ARGS="-LE demo" run_suite build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKIV_HTTP_SANITIZE=thread -DKIV_HTTP_BUILD_BENCH=OFF -DKIV_HTTP_BUILD_TOOLS=OFF
+
+echo "== clang build: lock annotations checked (-Wthread-safety -Werror), everything compiled"
+cmake -S "$root" -B build/clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
+    -DCMAKE_CXX_COMPILER=clang++ -DKIV_HTTP_BUILD_BENCH=OFF >/dev/null
+cmake --build build/clang -j "$jobs"
+
+echo "== clang-tidy over core/ and tools/"
+bash scripts/tidy.sh
 
 echo "== fuzzers, 20 s each"
 bash scripts/fuzz.sh 20

@@ -1,34 +1,57 @@
 // The demo's recognition server over real loopback connections, driven by plain libcurl:
 // synthesized speech goes up gzip-compressed in 40 ms frames, newline-delimited JSON events come
-// down. Also the gzip and WAV helpers the demo tools share with it.
+// down. Raw sockets play the clients libcurl will not be: malformed, dripping or stalling. Also
+// the gzip and WAV helpers the demo tools share with it, and its request-head check.
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <future>
 #include <iterator>
 #include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
 #include <numeric>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
+#include "tests/support/raw_server.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/tls_cert.h"
-#include "tools/cli/ndjson.h"
 #include "tools/server/command_grammar.h"
 #include "tools/server/gzip_stream.h"
+#include "tools/server/http_request.h"
 #include "tools/server/recognition_server.h"
 #include "tools/server/speech.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KIV_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define KIV_SANITIZED 1
+#endif
+#endif
 
 namespace {
 
 using namespace kiv::demo;
+using kiv::test::RawConnection;
+using nlohmann::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -118,10 +141,23 @@ Call listen(const std::string& id, long timeout_ms = 60000, Latch* heard = nullp
     return {"/v1/sessions/" + id + "/results", {std::string(1, '\0')}, {}, timeout_ms, heard};
 }
 
-// The string value of `name` in one flat JSON object.
-std::string field(const std::string& json, const std::string& name) {
-    const bool present = json.find("\"" + name + "\":\"") != std::string::npos;
-    return present ? kiv::cli::json_string(json, name) : "<none>";
+// Each line of a reply, parsed (a line that is not JSON gives a discarded value).
+std::vector<json> events_of(const std::string& reply) {
+    std::vector<json> events;
+    std::istringstream in(reply);
+    for (std::string line; std::getline(in, line);) {
+        events.push_back(json::parse(line, nullptr, false));
+    }
+    return events;
+}
+
+// The string value of `name` in the first JSON object of `reply`; "<none>" when absent.
+std::string field(const std::string& reply, const std::string& name) {
+    const std::vector<json> events = events_of(reply);
+    if (events.empty() || !events[0].is_object() || !events[0].contains(name)) {
+        return "<none>";
+    }
+    return events[0][name].is_string() ? events[0][name].get<std::string>() : "<not a string>";
 }
 
 // True when every line of `events` but the last starts with `first` and the last with `last`,
@@ -144,7 +180,71 @@ bool lines_are(const std::string& events, const std::string& first, const std::s
 
 // `name` in the last event of a results stream.
 std::string last(const Call& c, const std::string& name) {
-    return field(c.reply.substr(c.reply.rfind('\n', c.reply.size() - 2) + 1), name);
+    return c.reply.size() < 2
+               ? "<none>"
+               : field(c.reply.substr(c.reply.rfind('\n', c.reply.size() - 2) + 1), name);
+}
+
+// A TCP connection to the server made from `source` (any address of 127/8), for the clients
+// libcurl will not be: malformed, dripping, stalling. Null when it cannot connect.
+std::unique_ptr<RawConnection> dial(uint16_t port, const std::string& source = "127.0.0.1") {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in from{}, to{};
+    from.sin_family = to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    inet_pton(AF_INET, source.c_str(), &from.sin_addr);
+    inet_pton(AF_INET, "127.0.0.1", &to.sin_addr);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
+        connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return nullptr;
+    }
+    return std::make_unique<RawConnection>(fd);
+}
+
+// The status and Content-Length body of the next answer on `c`; status 0 when none came.
+std::pair<int, std::string> answer_of(RawConnection& c, milliseconds wait = milliseconds(20000)) {
+    const std::optional<std::string> head = c.read_head(wait);
+    if (!head || head->compare(0, 9, "HTTP/1.1 ") != 0) {
+        return {0, ""};
+    }
+    std::string lower = *head;
+    std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+    const size_t at = lower.find("\r\ncontent-length:");
+    const size_t length = at == std::string::npos ? 0 : std::stoul(lower.substr(at + 17));
+    return {std::stoi(head->substr(9, 3)), c.read_exact(length, wait).value_or("")};
+}
+
+// A request sent whole on a new connection from `source`, and its answer.
+std::pair<int, std::string> ask(uint16_t port, const std::string& request,
+                                const std::string& source = "127.0.0.1") {
+    std::unique_ptr<RawConnection> c = dial(port, source);
+    if (!c || !c->write_all(request)) {
+        return {0, ""};
+    }
+    return answer_of(*c);
+}
+
+// This process's resident memory in MB.
+double resident_mb() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 6, "VmRSS:") == 0) {
+            return std::stod(line.substr(6)) / 1024.0;
+        }
+    }
+    return 0;
+}
+
+// Enough descriptors for hundreds of client and server sockets in one process.
+void raise_descriptor_limit(rlim_t wanted) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < wanted) {
+        limit.rlim_cur = std::min(wanted, limit.rlim_max);
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
 }
 
 // Word-level edit distance; adds the reference's word count to `words`.
@@ -230,6 +330,44 @@ TEST(WavTest, ReadsOnly16kMono16BitPcmAndToleratesStreamingSizes) {
     }
 }
 
+TEST(RequestHeadTest, HeadsAreCheckedAsTheyArriveAndRefusedAtTheirFirstBadByte) {
+    const std::string head =
+        "\r\nPOST /v1/sessions/a/audio HTTP/1.1\r\nHost: asr\r\nContent-Encoding: gzip\n"
+        "Transfer-Encoding: chunked\r\n\r\n";
+    const std::string request = head + "5\r\nbytes";
+    for (size_t n = 0; n < head.size(); ++n) {
+        ASSERT_EQ(check_request_head(request.data(), n, 8192).state, HeadCheck::kIncomplete) << n;
+    }
+    const HeadCheck whole = check_request_head(request.data(), request.size(), 8192);
+    EXPECT_EQ(whole.state, HeadCheck::kComplete);
+    EXPECT_EQ(whole.size, head.size());
+    EXPECT_EQ(check_request_head(request.data(), request.size(), head.size() - 1).status, 431u);
+
+    // Each refused as soon as the offending byte (the last one here) arrives.
+    const std::pair<std::string, unsigned> bad[] = {
+        {"\x16", 400},                   // a TLS handshake on the plain port
+        {"GET h", 400},                  // not a path
+        {"GET /a HTTP/2.0", 505},        // a version, but not 1.x
+        {"GET /a HTTP/1.1x", 400},       // no line end
+        {"GET /a HTTP/1.1\r\n ", 400},   // a folded line
+        {"GET /a HTTP/1.1\r\nX ", 400},  // a space in a name
+        {"GET /a HTTP/1.1\r\nX: a\x01", 400},
+        {"GET /a HTTP/1.1\r\nX: a\rb", 400},
+    };
+    for (const auto& [text, status] : bad) {
+        for (size_t n = 0; n + 1 < text.size(); ++n) {
+            EXPECT_EQ(check_request_head(text.data(), n, 8192).state, HeadCheck::kIncomplete)
+                << text << " at " << n;
+        }
+        const HeadCheck c = check_request_head(text.data(), text.size(), 8192);
+        EXPECT_EQ(c.state, HeadCheck::kBad) << text;
+        EXPECT_EQ(c.status, status) << text;
+    }
+    EXPECT_EQ(route_request("POST", "/v1/sessions/a.b_c-1/results").session, "a.b_c-1");
+    EXPECT_EQ(route_request("POST", "/v1/sessions//audio").status, 400u);
+    EXPECT_EQ(route_request("POST", "/v1/sessions/audio").status, 404u);
+}
+
 class RecognitionServerTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -298,23 +436,46 @@ protected:
     std::string base, ca;
 };
 
-TEST_F(RecognitionServerTest, SentencesComeBackAsExactTranscriptsAfterPartials) {
+TEST_F(RecognitionServerTest, OneUploadOfManyCommandsGetsAFinalPerCommand) {
     start();
     ASSERT_GE(phrases.size(), 10u);
+    // Every example phrase, each followed by half a second of silence, in one upload.
+    std::vector<int16_t> pcm;
+    for (size_t i = 0; i < phrases.size(); ++i) {
+        pcm.insert(pcm.end(), speech(i).begin(), speech(i).end());
+        pcm.insert(pcm.end(), kSampleRate / 2, 0);
+    }
+    std::future<Call> down = later(listen("commands"));
+    const Call up = run(audio("commands", gzip_frames(pcm)));
+    ASSERT_EQ(up.status, 200) << up.reply;
+
+    // Each command's final goes out at its pause, after partials of its own.
+    std::vector<std::string> finals;
+    size_t partials = 0;
+    const Call results = down.get();
+    for (const json& event : events_of(results.reply)) {
+        ASSERT_TRUE(event.is_object()) << results.reply;
+        if (event["type"] == "partial") {
+            ++partials;
+            continue;
+        }
+        ASSERT_EQ(event["type"], "final") << event;
+        EXPECT_GT(partials, 0u) << "no partial before " << event;
+        finals.push_back(event["text"]);
+        partials = 0;
+    }
+    EXPECT_EQ(finals, phrases);
+    const json answer = json::parse(up.reply, nullptr, false);
+    EXPECT_EQ(answer.value("finals", json()), json(phrases)) << up.reply;
+    EXPECT_EQ(answer.value("audio_ms", 0u), pcm.size() * 1000 / kSampleRate);
+
     size_t errors = 0, words = 0, exact = 0;
     for (size_t i = 0; i < phrases.size(); ++i) {
-        const auto [up, down] = utter("sentence-" + std::to_string(i), i);
-        EXPECT_EQ(up.status, 200) << up.reply;
-        // Partials while the audio arrives, then exactly one final, last.
-        EXPECT_TRUE(lines_are(down.reply, R"({"type":"partial")", R"({"type":"final")") &&
-                    down.reply.find('\n') + 1 < down.reply.size())
-            << down.reply;
-        EXPECT_EQ(last(down, "text"), phrase(i));
-        EXPECT_EQ(field(up.reply, "text"), phrase(i));
-        errors += word_errors(phrase(i), last(down, "text"), &words);
-        exact += last(down, "text") == phrase(i);
+        const std::string heard = i < finals.size() ? finals[i] : "";
+        errors += word_errors(phrase(i), heard, &words);
+        exact += heard == phrase(i);
     }
-    std::printf("[ report ] %zu/%zu sentences exact, word accuracy %.1f%% (%zu words)\n", exact,
+    std::printf("[ report ] %zu/%zu commands exact, word accuracy %.1f%% (%zu words)\n", exact,
                 phrases.size(), 100.0 * (1.0 - double(errors) / double(words)), words);
     EXPECT_TRUE(sessions_become(0));
 }
@@ -385,7 +546,32 @@ TEST_F(RecognitionServerTest, BadOrConflictingRequestsAreRefusedWhileALiveSessio
         const Call c = run(call);
         EXPECT_EQ(c.status, status) << c.path;
         EXPECT_NE(c.reply.find(says), std::string::npos) << c.path << ": " << c.reply;
+        const std::vector<json> lines = events_of(c.reply);
+        EXPECT_TRUE(lines.size() == 1 && lines[0].is_object()) << c.reply;
+        EXPECT_TRUE(status == 200 || field(c.reply, "error") != "<none>") << c.reply;
     }
+    // Heads libcurl would not send: refused before any handler, still with a JSON body.
+    const std::string post = "POST /v1/sessions/x/audio HTTP/1.1\r\nHost: a\r\n";
+    const std::tuple<std::string, int, std::string> raw[] = {
+        {"GARBAGE\r\n\r\n", 400, "request line"},
+        {"GET /v1/health\r\n\r\n", 400, "request line"},
+        {"GET /v1/health HTTP/2.0\r\nHost: a\r\n\r\n", 505, "HTTP/2.0"},
+        {"GET /v1/health HTTP/1.1\r\n\r\n", 400, "Host"},
+        {"GET /v1/health HTTP/1.1\r\nHost: a\r\nno colon\r\n\r\n", 400, "header line"},
+        {"GET /v1/health HTTP/1.1\r\nHost: a\r\nX: \x7f\r\n\r\n", 400, "control"},
+        {post + "Transfer-Encoding: gzip\r\n\r\n", 501, "chunked"},
+        {post + "Content-Length: 12abc\r\n\r\n", 400, "Content-Length"},
+        {post + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n", 400, "both"},
+        {"GET /v1/health HTTP/1.1\r\nX: " + std::string(9000, 'x'), 431, "larger"},
+        {"GET /v1/health HTTP/1.0\r\n\r\n", 200, "ok"},  // 1.0 needs no Host
+    };
+    for (const auto& [request, status, says] : raw) {
+        const auto [got, body] = ask(server->port(), request);
+        EXPECT_EQ(got, status) << request.substr(0, 60);
+        EXPECT_NE(field(body, status == 200 ? "status" : "error").find(says), std::string::npos)
+            << request.substr(0, 60) << ": " << body;
+    }
+    EXPECT_EQ(server->stats().heads_malformed, std::size(raw) - 1);
     EXPECT_EQ(last(junk_listener.get(), "type"), "error");  // told at once as well
 
     held.released.open();
@@ -481,11 +667,145 @@ TEST_F(RecognitionServerTest, TwentyConcurrentSessionsEachGetTheirOwnTranscript)
 
 TEST_F(RecognitionServerTest, HttpsSessionWithASelfSignedCertificate) {
     const kiv::test::TlsCert cert = kiv::test::make_self_signed_cert("asr.demo.test");
-    start(ServerOptions(), &cert);
+    ServerOptions options;
+    options.head_timeout = milliseconds(1000);
+    start(options, &cert);
+    // Encrypted heads cannot be checked before the handshake: one that never comes is cut off
+    // all the same, while a session runs.
+    std::unique_ptr<RawConnection> silent = dial(server->port());
+    ASSERT_TRUE(silent);
     const auto [up, down] = utter("secure", 9);
     EXPECT_EQ(up.code, CURLE_OK);
     EXPECT_EQ(last(down, "text"), phrase(9));
     EXPECT_EQ(run({"/v1/health"}).status, 200);
+    EXPECT_TRUE(silent->wait_for_close(seconds(20)));
+    EXPECT_EQ(server->stats().heads_timed_out, 1u);
+}
+
+// Many clients at once: their own ctest label (slow), run by the whole suite.
+class RecognitionServerLoadTest : public RecognitionServerTest {};
+
+TEST_F(RecognitionServerLoadTest, DripAttackFromOneAddressLeavesRoomForEveryoneElse) {
+    raise_descriptor_limit(4096);
+    ServerOptions options;
+    options.head_timeout = milliseconds(2000);
+    start(options);
+    const uint16_t port = server->port();
+    const std::string attacker = "127.0.0.2";
+    const std::string health = "GET /v1/health HTTP/1.1\r\nHost: asr\r\n\r\n";
+
+    // 600 connections from one address, each adding a header line every 200 ms: an
+    // inactivity limit would never end them.
+    std::vector<std::unique_ptr<RawConnection>> attack;
+    for (int i = 0; i < 600; ++i) {
+        attack.push_back(dial(port, attacker));
+        ASSERT_TRUE(attack.back()) << i;
+        attack.back()->write_all("GET /v1/health HTTP/1.1\r\nHost: asr\r\n");
+    }
+    std::mutex m;
+    std::condition_variable stop_cv;
+    bool stop = false;
+    std::thread dripper([&] {
+        std::unique_lock<std::mutex> lock(m);
+        for (int line = 0; !stop_cv.wait_for(lock, milliseconds(200), [&] { return stop; });
+             ++line) {
+            for (auto& c : attack) {
+                c->write_all("X-Drip-" + std::to_string(line) + ": x\r\n");
+            }
+        }
+    });
+
+    // Meanwhile others are served at once: from another address, from the attacker's own
+    // (a newcomer takes the place of its oldest unfinished head), and a slow but honest head.
+    double slowest_ms = 0;
+    for (int i = 0; i < 10; ++i) {
+        const auto t0 = std::chrono::steady_clock::now();
+        EXPECT_EQ(ask(port, health, i % 2 ? attacker : "127.0.0.1").first, 200);
+        slowest_ms = std::max(slowest_ms, std::chrono::duration<double, std::milli>(
+                                              std::chrono::steady_clock::now() - t0)
+                                              .count());
+    }
+    std::unique_ptr<RawConnection> slow = dial(port, attacker);  // no ASSERT: the dripper runs
+    EXPECT_EQ(slow && slow->write_bytewise(health) ? answer_of(*slow).first : 0, 200);
+    EXPECT_EQ(run({"/v1/health"}).status, 200);
+    const ServerStats during = server->stats();
+    EXPECT_GE(during.connections_evicted + during.connections_refused, 600u - 64u);
+    std::printf("[ report ] health during the attack: slowest of 10 answered in %.1f ms\n",
+                slowest_ms);
+
+    // Every attacking connection ends: at once to make room (503), or at its head's deadline
+    // (408) although it never went quiet; at most the address's limit of them lasted that long.
+    size_t late = 0, refused = 0;
+    const auto until = std::chrono::steady_clock::now() + seconds(30);
+    for (auto& c : attack) {
+        const auto left = std::max(milliseconds(0), std::chrono::duration_cast<milliseconds>(
+                                                        until - std::chrono::steady_clock::now()));
+        const auto [status, body] = answer_of(*c, left);
+        late += status == 408;
+        refused += status == 503;
+        EXPECT_NE(field(body, "error"), "<none>") << status;
+        EXPECT_TRUE(c->wait_for_close(left));
+    }
+    {
+        std::lock_guard<std::mutex> lock(m);
+        stop = true;
+    }
+    stop_cv.notify_all();
+    dripper.join();
+    EXPECT_EQ(late + refused, attack.size());
+    EXPECT_GE(late, 1u);
+    EXPECT_LE(late, options.max_connections_per_address);
+    EXPECT_EQ(server->stats().heads_timed_out, late);
+    EXPECT_EQ(run({"/v1/health"}).status, 200);
+}
+
+TEST_F(RecognitionServerLoadTest, StalledUploadsShareAFewDecodersAndGiveTheirMemoryBack) {
+    raise_descriptor_limit(4096);
+    ServerOptions options;
+    options.idle_timeout = milliseconds(2000);
+    options.decoder_wait = milliseconds(500);
+    start(options);
+    // 256 sessions from 8 addresses (each under its connection limit), each sending 8 KB of
+    // speech and then nothing: without a cap, one decoder each (over 2 GB).
+    GzipWriter writer;
+    const std::string piece = writer.push(pcm_bytes(speech(0), 0, 4096));
+    char size_line[16];
+    std::snprintf(size_line, sizeof size_line, "%zx\r\n", piece.size());
+    double peak_mb = resident_mb();
+    std::vector<std::unique_ptr<RawConnection>> stalled;
+    for (int i = 0; i < 256; ++i) {
+        stalled.push_back(dial(server->port(), "127.0.0." + std::to_string(10 + i % 8)));
+        ASSERT_TRUE(stalled.back()) << i;
+        stalled.back()->write_all("POST /v1/sessions/stall-" + std::to_string(i) +
+                                  "/audio HTTP/1.1\r\nHost: asr\r\nContent-Encoding: gzip\r\n"
+                                  "Transfer-Encoding: chunked\r\n\r\n" +
+                                  size_line + piece + "\r\n");
+        peak_mb = std::max(peak_mb, resident_mb());
+    }
+    // All are let go once idle; until then memory is sampled.
+    const auto until = std::chrono::steady_clock::now() + seconds(60);
+    for (auto& c : stalled) {
+        while (!c->wait_for_close(milliseconds(20)) && std::chrono::steady_clock::now() < until) {
+            peak_mb = std::max(peak_mb, resident_mb());
+        }
+    }
+    EXPECT_TRUE(sessions_become(0));
+    const ServerStats stats = server->stats();
+    EXPECT_EQ(stats.decoders_live, 0u);
+    EXPECT_LE(stats.decoders_peak, options.max_decoders);
+    EXPECT_GT(stats.decoders_refused, 0u);
+    std::printf("[ report ] %zu decoders at most, %llu uploads refused one; peak %.0f MB\n",
+                stats.decoders_peak, static_cast<unsigned long long>(stats.decoders_refused),
+                peak_mb);
+#ifndef KIV_SANITIZED  // the sanitizer's allocator keeps freed memory on purpose
+    EXPECT_LT(peak_mb, 400);
+    // Freed decoders go back to the system, not just to the allocator.
+    const auto back_by = std::chrono::steady_clock::now() + seconds(60);
+    while (resident_mb() >= 100 && std::chrono::steady_clock::now() < back_by) {
+        std::this_thread::sleep_for(milliseconds(100));  // polling a figure, bounded
+    }
+    EXPECT_LT(resident_mb(), 100);
+#endif
 }
 
 }  // namespace

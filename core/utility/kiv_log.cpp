@@ -44,10 +44,12 @@ unsigned long LogFile::_s_log_file_size = 0;
 Memory::NoDestructor<AppMutex> LogFile::_s_log_file_mutex(false);
 unsigned long LogFile::_s_log_file_limit = 0;
 
-void LogFile::lockForFork() {
+// The fork handlers lock in one function and unlock in another, which the lock analysis cannot
+// follow.
+void LogFile::lockForFork() KIV_NO_THREAD_SAFETY_ANALYSIS {
     _s_log_file_mutex->lock();
 }
-void LogFile::unlockAfterFork() {
+void LogFile::unlockAfterFork() KIV_NO_THREAD_SAFETY_ANALYSIS {
     _s_log_file_mutex->unlock();
 }
 void LogFile::resetInForkChild() {

@@ -56,13 +56,13 @@ public:
     static void resetInForkChild();
 
 private:
-    static void rotate_locked();
+    static void rotate_locked() KIV_REQUIRES(*_s_log_file_mutex);
 
-    static Memory::NoDestructor<std::string> _s_log_file_name;
-    static FILE* _s_log_file;
-    static unsigned long _s_log_file_size;
     static Memory::NoDestructor<Threads::Synchronization::AppMutex> _s_log_file_mutex;
-    static unsigned long _s_log_file_limit;
+    static Memory::NoDestructor<std::string> _s_log_file_name KIV_GUARDED_BY(*_s_log_file_mutex);
+    static FILE* _s_log_file KIV_GUARDED_BY(*_s_log_file_mutex);
+    static unsigned long _s_log_file_size KIV_GUARDED_BY(*_s_log_file_mutex);
+    static unsigned long _s_log_file_limit KIV_GUARDED_BY(*_s_log_file_mutex);
 };
 
 }  // namespace kiv

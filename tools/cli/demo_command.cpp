@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cctype>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
@@ -94,9 +93,8 @@ struct Endpoint {
 // What one utterance's results stream delivered, filled on the layer's worker thread.
 struct Results {
     std::mutex mutex;
-    std::condition_variable changed;
-    std::string pending;  // bytes of an event line not complete yet
-    std::string final_text;
+    std::string pending;              // bytes of an event line not complete yet
+    std::vector<std::string> finals;  // one per utterance the server heard
     bool final_seen = false;
     Clock::time_point final_at;
     Clock::time_point first_partial_at;
@@ -106,7 +104,7 @@ struct Results {
 
 struct UtteranceReport {
     bool ok = false;
-    std::string final_text;
+    std::vector<std::string> finals;
     double last_frame_to_final_ms = 0;
     double first_frame_to_partial_ms = -1;
     uint64_t bytes_up = 0;
@@ -133,21 +131,19 @@ UtteranceReport run_utterance(const Endpoint& endpoint, const std::string& sessi
             while ((newline = results.pending.find('\n')) != std::string::npos) {
                 std::string line = results.pending.substr(0, newline);
                 results.pending.erase(0, newline + 1);
-                const std::string type = json_string(line, "type");
-                const std::string text = json_string(line, "text");
-                if (type == "partial") {
+                const ResultEvent event = parse_result_event(line);
+                if (event.type == "partial") {
                     if (!results.partial_seen) {
                         results.partial_seen = true;
                         results.first_partial_at = Clock::now();
                     }
                     ++results.partials;
-                    printf("    partial: %s\n", text.c_str());
+                    printf("    partial: %s\n", event.text.c_str());
                     fflush(stdout);
-                } else if (type == "final") {
-                    results.final_text = text;
+                } else if (event.type == "final") {
+                    results.finals.push_back(event.text);
                     results.final_seen = true;
                     results.final_at = Clock::now();
-                    results.changed.notify_all();
                 }
             }
         },
@@ -170,7 +166,8 @@ UtteranceReport run_utterance(const Endpoint& endpoint, const std::string& sessi
             double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
             fprintf(stderr, "\r  [%zu/%zu] sent %llu bytes, %.1f KB/s, %.1f s   ", index, count,
                     static_cast<unsigned long long>(up.bytes_sent()),
-                    elapsed > 0 ? up.bytes_sent() / 1024.0 / elapsed : 0.0, elapsed);
+                    elapsed > 0 ? static_cast<double>(up.bytes_sent()) / 1024.0 / elapsed : 0.0,
+                    elapsed);
         }
     }
     const Clock::time_point last_frame = Clock::now();
@@ -181,15 +178,18 @@ UtteranceReport run_utterance(const Endpoint& endpoint, const std::string& sessi
     } else {
         fprintf(stderr, "[%zu/%zu] sent %llu bytes in %zu frames in %.2f s (%.1f KB/s)\n", index,
                 count, static_cast<unsigned long long>(up.bytes_sent()), frames, elapsed,
-                elapsed > 0 ? up.bytes_sent() / 1024.0 / elapsed : 0.0);
+                elapsed > 0 ? static_cast<double>(up.bytes_sent()) / 1024.0 / elapsed : 0.0);
     }
 
+    // The results stream ends after the upload's last final (a long recording can hold many).
+    StreamEnd up_end;
+    StreamEnd down_end;
+    up.wait_end(std::chrono::seconds(30), &up_end);
+    down.wait_end(std::chrono::seconds(30), &down_end);
     {
         std::unique_lock<std::mutex> lock(results.mutex);
-        results.changed.wait_for(lock, std::chrono::seconds(30),
-                                 [&] { return results.final_seen; });
         report.ok = results.final_seen;
-        report.final_text = results.final_text;
+        report.finals = results.finals;
         if (results.final_seen) {
             report.last_frame_to_final_ms =
                 std::chrono::duration<double, std::milli>(results.final_at - last_frame).count();
@@ -199,10 +199,6 @@ UtteranceReport run_utterance(const Endpoint& endpoint, const std::string& sessi
                 std::chrono::duration<double, std::milli>(results.first_partial_at - start).count();
         }
     }
-    StreamEnd up_end;
-    StreamEnd down_end;
-    up.wait_end(std::chrono::seconds(10), &up_end);
-    down.wait_end(std::chrono::seconds(10), &down_end);
     if (up_end.status != 200 || down_end.status != 200) {
         fprintf(stderr, "  upload ended with status %d (error %d), results with %d (error %d)\n",
                 up_end.status, static_cast<int>(up_end.error), down_end.status,
@@ -300,16 +296,20 @@ int run_demo(const DemoOptions& options) {
         const Utterance& u = utterances[i];
         printf("[%zu/%zu] %s%s%s (%.2f s of audio)\n", i + 1, utterances.size(),
                u.text.empty() ? "" : "\"", u.text.empty() ? options.wav.c_str() : u.text.c_str(),
-               u.text.empty() ? "" : "\"", u.samples.size() / 16000.0);
+               u.text.empty() ? "" : "\"", static_cast<double>(u.samples.size()) / 16000.0);
         fflush(stdout);
         const std::string session = "demo-" + std::to_string(getpid()) + "-" + std::to_string(i);
         UtteranceReport r =
             run_utterance(endpoint, session, u, options.fast, i + 1, utterances.size());
+        std::string heard;
         if (!r.ok) {
             ++failed;
             printf("    final:   (none)\n");
         } else {
-            printf("    final:   %s\n", r.final_text.c_str());
+            for (const std::string& text : r.finals) {
+                printf("    final:   %s\n", text.c_str());
+                heard += (heard.empty() ? "" : " ") + text;
+            }
             latencies.push_back(r.last_frame_to_final_ms);
         }
         printf(
@@ -324,7 +324,7 @@ int run_demo(const DemoOptions& options) {
         fflush(stdout);
         if (!u.text.empty()) {
             std::vector<std::string> ref = words_of(u.text);
-            size_t e = word_errors(ref, words_of(r.final_text));
+            size_t e = word_errors(ref, words_of(heard));
             words += ref.size();
             errors += std::min(e, ref.size());
             exact += e == 0 && r.ok ? 1 : 0;
@@ -332,7 +332,8 @@ int run_demo(const DemoOptions& options) {
     }
     if (words > 0) {
         printf("summary: %zu of %zu utterances exact, word accuracy %.1f%%\n", exact,
-               utterances.size(), 100.0 * (words - errors) / words);
+               utterances.size(),
+               100.0 * static_cast<double>(words - errors) / static_cast<double>(words));
     }
     server.stop();
     return failed == 0 ? kExitOk : kExitLocalError;

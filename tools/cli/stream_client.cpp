@@ -37,18 +37,13 @@ StreamClient::StreamClient() : state_(std::make_shared<State>()) {
 }
 
 StreamClient::~StreamClient() {
-    // The session pointer handed to the layer is the address of `session_`: keep it valid until
-    // the transfer has let go, so a late delivery never reads a dead reference.
+    // No delivery starts once cancel() has returned; waiting for the release as well means the
+    // layer's worker is done with the stream before the caller's state goes.
     if (task_.getPTR()) {
         task_->cancel();
     }
     task_ = static_cast<kiv_http_request_maker*>(nullptr);
-    Session* raw = session_.getPTR();
-    std::shared_ptr<State> state = state_;
-    session_ = static_cast<Session*>(nullptr);
-    (void)raw;
-    std::unique_lock<std::mutex> lock(state->mutex);
-    state->changed.wait_for(lock, std::chrono::seconds(15), [&] { return state->released; });
+    wait_released(std::chrono::seconds(15));
 }
 
 void StreamClient::on_delivery(kiv_shared_ptr<kiv_http_request_maker>&,
@@ -77,6 +72,7 @@ void StreamClient::on_delivery(kiv_shared_ptr<kiv_http_request_maker>&,
     state.end.message = response->getErrorMessage();
     state.end.curl_code = response->get_curl_code();
     state.end.curl_error = response->get_curl_error();
+    state.end.body.assign(response->get_response_data().getPTR(), response->get_response_len());
     state.changed.notify_all();
 }
 
@@ -88,6 +84,13 @@ void apply_tls(const TlsOptions& tls, kiv_HttpRequest* request) {
 
 void StreamClient::start(const std::string& url, const std::string& origin_url,
                          HTTP_REQUEST_METHOD method, const TlsOptions& tls) {
+    if (!task_.getPTR()) {
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        state_->end.ended = true;
+        state_->end.error = HTTP_REQUEST_UNDEFINED_ERROR;
+        state_->end.message = "out of memory: no streaming task";
+        return;
+    }
     auto request = kiv_HttpRequest::requestWithUrl(url);
     request->_METHOD = method;
     if (!origin_url.empty()) {
@@ -95,6 +98,9 @@ void StreamClient::start(const std::string& url, const std::string& origin_url,
     }
     apply_tls(tls, request.getPTR());
     task_->start_request(request, &StreamClient::on_delivery, &session_);
+    // The layer holds a reference of its own from here on. Without ours, the session's
+    // destruction tells when the stream is over, also when it ends without a final delivery.
+    session_ = static_cast<Session*>(nullptr);
 }
 
 void StreamClient::start_download(const std::string& url, const std::string& origin_url,
@@ -109,17 +115,26 @@ void StreamClient::start_upload(const std::string& url, const std::string& origi
 }
 
 void StreamClient::send(const std::string& bytes, bool last) {
+    if (!task_.getPTR()) {
+        return;
+    }
     kiv_shared_ptr<unsigned char> data;
     if (!bytes.empty()) {
         data = Memory::make_shared_array<unsigned char>(bytes.size());
         memcpy(data.getPTR(), bytes.data(), bytes.size());
     }
     task_->send_data(data, static_cast<long>(bytes.size()), last);
-    bytes_sent_ += bytes.size();
+    bytes_queued_ += bytes.size();
+}
+
+uint64_t StreamClient::bytes_sent() const {
+    return task_.getPTR() ? static_cast<uint64_t>(task_->bytes_sent()) : 0;
 }
 
 void StreamClient::cancel() {
-    task_->cancel();
+    if (task_.getPTR()) {
+        task_->cancel();
+    }
 }
 
 bool StreamClient::wait_end(std::chrono::milliseconds wait, StreamEnd* end) {
@@ -132,16 +147,15 @@ bool StreamClient::wait_end(std::chrono::milliseconds wait, StreamEnd* end) {
 }
 
 bool StreamClient::wait_released(std::chrono::milliseconds wait) {
-    // Our own reference must go first: the layer's is then the last one.
-    {
-        std::lock_guard<std::mutex> lock(state_->mutex);
-        if (state_->released) {
-            return true;
-        }
-    }
-    session_ = static_cast<Session*>(nullptr);
+    session_ = static_cast<Session*>(nullptr);  // a stream never started holds only ours
     std::unique_lock<std::mutex> lock(state_->mutex);
     return state_->changed.wait_for(lock, wait, [&] { return state_->released; });
+}
+
+bool StreamClient::wait_over(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    return state_->changed.wait_until(lock, deadline,
+                                      [&] { return state_->end.ended || state_->released; });
 }
 
 uint64_t StreamClient::pieces() const {

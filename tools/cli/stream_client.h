@@ -34,6 +34,8 @@ struct StreamEnd {
     // libcurl's code and error text when the transfer failed.
     int32_t curl_code = 0;
     std::string curl_error;
+    // The server's reply body (an upload's answer, at most its first MiB).
+    std::string body;
 };
 
 // One streaming exchange of the transport layer (an upload or a download) seen from an
@@ -66,9 +68,15 @@ public:
     bool wait_end(std::chrono::milliseconds wait, StreamEnd* end);
     // Waits until the layer has released the per-stream object (its transfer's work is done).
     bool wait_released(std::chrono::milliseconds wait);
+    // Waits until `deadline` or, sooner, the end of the stream (a final delivery, or the layer
+    // letting go of it); true when the stream is over.
+    bool wait_over(std::chrono::steady_clock::time_point deadline);
 
     uint64_t pieces() const;
-    uint64_t bytes_sent() const { return bytes_sent_; }
+    // Upload bytes libcurl has taken from the queue so far (what has gone towards the server).
+    uint64_t bytes_sent() const;
+    // Upload bytes handed to send() so far.
+    uint64_t bytes_queued() const { return bytes_queued_; }
 
 private:
     struct State;
@@ -83,7 +91,7 @@ private:
     std::shared_ptr<State> state_;
     Memory::kiv_shared_ptr<Session> session_;
     Memory::kiv_shared_ptr<Networking::kiv_http_request_maker> task_;
-    uint64_t bytes_sent_ = 0;
+    uint64_t bytes_queued_ = 0;
 };
 
 }  // namespace cli

@@ -34,6 +34,7 @@ public <command> = <lights> | <weather> | <timer> | <call> | <digits>;
 
 const std::vector<std::string>& command_patterns() {
     static const std::vector<std::string> patterns = {
+        // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one pattern over two lines
         "(turn on | turn off | dim | brighten) the lights [in the ROOM]   ROOM: kitchen, living "
         "room, bedroom, bathroom, office, garage, hallway, dining room",
         "what is the weather [like] [today | tomorrow | tonight | this weekend | on DAY]",

@@ -12,7 +12,7 @@ namespace {
 
 // 16 added to the window bits selects the gzip wrapper in both directions.
 constexpr int kGzipWindowBits = 16 + MAX_WBITS;
-constexpr size_t kChunk = 32 * 1024;
+constexpr size_t kChunk = size_t{32} * 1024;
 
 }  // namespace
 

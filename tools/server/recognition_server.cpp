@@ -1,6 +1,7 @@
 #include "tools/server/recognition_server.h"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -8,18 +9,20 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tools/server/command_grammar.h"
+#include "tools/server/connection_gate.h"
 #include "tools/server/gzip_stream.h"
+#include "tools/server/http_request.h"
 #include "tools/server/speech.h"
 
 namespace kiv {
@@ -39,62 +42,20 @@ constexpr size_t kDecodeSlice = 2048;
 constexpr uint64_t kDiscardLimit = 1 << 20;
 // Finished session ids remembered, to answer 410 rather than start a new session.
 constexpr size_t kFinishedMemory = 4096;
+// Freed decoder memory goes back to the system at most this often.
+constexpr auto kTrimPeriod = std::chrono::seconds(1);
 
-std::string json_escape(const std::string& text) {
-    std::string out;
-    out.reserve(text.size() + 2);
-    for (unsigned char c : text) {
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                if (c < 0x20) {
-                    char buf[8];
-                    std::snprintf(buf, sizeof(buf), "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out.push_back(static_cast<char>(c));
-                }
-        }
-    }
-    return out;
+// Insertion-ordered, so the wire bytes read as the fields are listed here.
+using Json = nlohmann::ordered_json;
+
+// One JSON object and its newline. Text that is not UTF-8 (decoders and clients are not
+// trusted to give any) becomes U+FFFD instead of failing.
+std::string json_line(const Json& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-std::string quoted(const std::string& text) {
-    return "\"" + json_escape(text) + "\"";
-}
-
-std::string error_json(const std::string& message, const std::string& session = "") {
-    std::string body = "{\"error\":" + quoted(message);
-    if (!session.empty()) {
-        body += ",\"session\":" + quoted(session);
-    }
-    return body + "}\n";
-}
-
-bool valid_session_id(const std::string& id) {
-    if (id.empty() || id.size() > 128) {
-        return false;
-    }
-    for (unsigned char c : id) {
-        if (!std::isalnum(c) && c != '.' && c != '_' && c != '-') {
-            return false;
-        }
-    }
-    return true;
+std::string final_event(const std::string& text) {
+    return json_line(Json{{"type", "final"}, {"text", text}});
 }
 
 MHD_Result queue_json(MHD_Connection* connection, unsigned status, const std::string& body) {
@@ -104,6 +65,8 @@ MHD_Result queue_json(MHD_Connection* connection, unsigned status, const std::st
         return MHD_NO;
     }
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/json");
+    // One request per connection: every request head then passes the gate and its deadline.
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
     const MHD_Result result = MHD_queue_response(connection, status, response);
     MHD_destroy_response(response);
     return result;
@@ -126,7 +89,7 @@ bool peer_gone(MHD_Connection* connection) {
 }
 
 struct Event {
-    std::string line;  // one JSON object and its newline
+    std::string line;  // one JSON object and its newline; empty for a bare end of stream
     bool terminal;
 };
 
@@ -139,7 +102,7 @@ struct Session {
     std::deque<Event> events;
     bool upload_attached = false;
     bool reader_attached = false;
-    bool terminal_queued = false;  // the final or error event is in (or through) the queue
+    bool terminal_queued = false;  // the terminal event is in (or through) the queue
     bool closed = false;           // idle or server stopping: uploads stop decoding
     Clock::time_point last_activity = Clock::now();
 };
@@ -149,18 +112,38 @@ struct Session {
 struct RecognitionServer::Impl {
     explicit Impl(ServerOptions o) : options(std::move(o)) {}
 
+    // A decoder and its place among the live ones, given back when this goes.
+    struct DecoderLease {
+        Impl* impl = nullptr;
+        std::unique_ptr<Decoder> decoder;
+        DecoderLease() = default;
+        DecoderLease(const DecoderLease&) = delete;
+        DecoderLease& operator=(const DecoderLease&) = delete;
+        ~DecoderLease() { reset(); }
+        void reset() {
+            if (impl) {
+                decoder.reset();
+                impl->release_decoder();
+                impl = nullptr;
+            }
+        }
+    };
+
     // Per-connection state, in libmicrohttpd's con_cls.
     struct Request {
         enum Kind { kOther, kAudio, kResults } kind = kOther;
         std::shared_ptr<Session> session;
         // kAudio
-        std::unique_ptr<Decoder> decoder;
+        DecoderLease lease;  // taken when the first samples arrive
         GzipReader gzip;
         uint64_t compressed_bytes = 0;
+        uint64_t samples_in = 0;
         int odd_byte = -1;  // a sample split across two pieces
         std::vector<int16_t> samples;
         std::string last_partial;
-        unsigned error_status = 0;  // non-zero: body rejected, the rest is dropped
+        bool heard_speech = false;        // in the utterance now open
+        std::vector<std::string> finals;  // one per utterance ended so far
+        unsigned error_status = 0;        // non-zero: body rejected, the rest is dropped
         std::string error_message;
         uint64_t discarded = 0;
         bool upload_done = false;  // the whole body was read and answered
@@ -182,6 +165,7 @@ struct RecognitionServer::Impl {
 
     mutable std::mutex lifecycle;  // start/stop and the fields below it
     MHD_Daemon* daemon = nullptr;
+    std::unique_ptr<ConnectionGate> gate;
     uint16_t bound_port = 0;
     bool use_tls = false;
     std::string last_error;
@@ -198,10 +182,17 @@ struct RecognitionServer::Impl {
     std::map<std::string, std::string> finished;  // id -> why it ended
     std::deque<std::string> finished_order;
 
+    mutable std::mutex decoders_m;
+    std::condition_variable decoders_cv;  // a place among the live decoders came free
+    size_t decoders_live = 0;
+    size_t decoders_peak = 0;
+    bool decoders_released = false;  // since the janitor last gave memory back
+
     std::atomic<uint64_t> sessions_created{0};
     std::atomic<uint64_t> uploads_completed{0};
     std::atomic<uint64_t> audio_ms{0};
     std::atomic<uint64_t> decode_us{0};
+    std::atomic<uint64_t> decoders_refused{0};
 
     // --- session table ---
 
@@ -286,8 +277,7 @@ struct RecognitionServer::Impl {
     }
 
     static std::string error_event(unsigned status, const std::string& message) {
-        return "{\"type\":\"error\",\"status\":" + std::to_string(status) +
-               ",\"message\":" + quoted(message) + "}\n";
+        return json_line(Json{{"type", "error"}, {"status", status}, {"message", message}});
     }
 
     // The upload side ended badly: tell the listener, or end the session when nobody listens.
@@ -301,6 +291,7 @@ struct RecognitionServer::Impl {
         const auto idle = options.idle_timeout;
         const auto period = std::clamp<std::chrono::milliseconds>(
             idle / 4, std::chrono::milliseconds(10), std::chrono::milliseconds(1000));
+        Clock::time_point last_trim;
         std::unique_lock<std::mutex> lock(table_m);
         while (!stopping) {
             janitor_cv.wait_for(lock, period);
@@ -335,8 +326,69 @@ struct RecognitionServer::Impl {
                     finish_session(session, reason);
                 }
             }
+            if (now - last_trim >= kTrimPeriod && take_released()) {
+                give_memory_back();
+                last_trim = now;
+            }
             lock.lock();
         }
+    }
+
+    // --- decoders ---
+
+    // Waits for a place among the live decoders, at most options.decoder_wait; false when
+    // none came free in time or the server is stopping.
+    bool reserve_decoder() {
+        std::unique_lock<std::mutex> lock(decoders_m);
+        const bool got = decoders_cv.wait_for(lock, options.decoder_wait, [this] {
+            return stopping || decoders_live < options.max_decoders;
+        });
+        if (!got || stopping) {
+            return false;
+        }
+        decoders_peak = std::max(decoders_peak, ++decoders_live);
+        return true;
+    }
+
+    void release_decoder() {
+        std::lock_guard<std::mutex> lock(decoders_m);
+        --decoders_live;
+        decoders_released = true;
+        decoders_cv.notify_one();
+    }
+
+    bool take_released() {
+        std::lock_guard<std::mutex> lock(decoders_m);
+        return std::exchange(decoders_released, false);
+    }
+
+    // A decoder leaves megabytes of free heap behind, spread over the allocator's per-thread
+    // arenas; without this they stay resident long after the sessions that used them.
+    static void give_memory_back() {
+#ifdef __GLIBC__
+        malloc_trim(0);
+#endif
+    }
+
+    // Gives the upload its decoder; false (with the body rejected) when it cannot have one.
+    bool start_decoder(Request& request) {
+        if (!reserve_decoder()) {
+            ++decoders_refused;
+            reject_body(request, MHD_HTTP_SERVICE_UNAVAILABLE,
+                        stopping ? "server stopping"
+                                 : "all " + std::to_string(options.max_decoders) +
+                                       " decoders are busy: try again later");
+            return false;
+        }
+        request.lease.impl = this;
+        std::string error;
+        request.lease.decoder = Decoder::create(*files, &error);
+        if (!request.lease.decoder) {
+            request.lease.reset();
+            reject_body(request, MHD_HTTP_INTERNAL_SERVER_ERROR, error);
+            return false;
+        }
+        return true;
     }
 
     // --- audio upload ---
@@ -367,28 +419,48 @@ struct RecognitionServer::Impl {
         if (i < size) {
             request.odd_byte = data[i];
         }
+        if (samples.empty()) {
+            return true;
+        }
         const uint64_t limit = uint64_t(options.max_audio.count()) * kSampleRate / 1000;
-        if (request.decoder && request.decoder->samples() + samples.size() > limit) {
+        if (request.samples_in + samples.size() > limit) {
             reject_body(request, MHD_HTTP_CONTENT_TOO_LARGE,
                         "audio longer than " + std::to_string(options.max_audio.count()) + " ms");
             return false;
         }
+        request.samples_in += samples.size();
+        if (!request.lease.decoder && !start_decoder(request)) {
+            return false;
+        }
+        Decoder& decoder = *request.lease.decoder;
         for (size_t offset = 0; offset < samples.size(); offset += kDecodeSlice) {
             const size_t count = std::min(kDecodeSlice, samples.size() - offset);
             const auto t0 = Clock::now();
-            const bool ok = request.decoder->process(samples.data() + offset, count);
-            const bool speech = ok && request.decoder->in_speech();
-            std::string hyp = speech ? request.decoder->hypothesis() : std::string();
+            const bool ok = decoder.process(samples.data() + offset, count);
+            const bool speech = ok && decoder.in_speech();
+            std::string hyp = speech ? decoder.hypothesis() : std::string();
+            // The detector's pause after speech ends the utterance: its final goes out now,
+            // and the audio after it is the next command.
+            const bool paused = ok && !speech && request.heard_speech;
+            std::string final_text = paused ? decoder.end_utterance() : std::string();
             decode_us +=
                 std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count();
             if (!ok) {
                 reject_body(request, MHD_HTTP_INTERNAL_SERVER_ERROR, "decoder failure");
                 return false;
             }
+            request.heard_speech = speech;
             if (!hyp.empty() && hyp != request.last_partial) {
                 request.last_partial = hyp;
-                push_event(*request.session,
-                           "{\"type\":\"partial\",\"text\":" + quoted(hyp) + "}\n", false);
+                push_event(*request.session, json_line(Json{{"type", "partial"}, {"text", hyp}}),
+                           false);
+            }
+            if (paused) {
+                request.last_partial.clear();
+                if (!final_text.empty()) {
+                    request.finals.push_back(final_text);
+                    push_event(*request.session, final_event(final_text), false);
+                }
             }
         }
         return true;
@@ -407,22 +479,18 @@ struct RecognitionServer::Impl {
             }
         }
         if (request.error_status != 0) {
+            request.lease.reset();  // nothing more to decode
             request.discarded += size;
             return request.discarded > kDiscardLimit ? MHD_NO : MHD_YES;
-        }
-        if (!request.decoder) {
-            std::string error;
-            request.decoder = Decoder::create(*files, &error);
-            if (!request.decoder) {
-                reject_body(request, MHD_HTTP_INTERNAL_SERVER_ERROR, error);
-                return MHD_YES;
-            }
         }
         const bool ok = request.gzip.push(
             reinterpret_cast<const uint8_t*>(data), size,
             [&](const uint8_t* pcm, size_t n) { return decode_pcm(request, pcm, n); });
         if (!ok && request.error_status == 0) {
             reject_body(request, MHD_HTTP_BAD_REQUEST, request.gzip.error());
+        }
+        if (request.error_status != 0) {
+            request.lease.reset();
         }
         return MHD_YES;
     }
@@ -437,31 +505,45 @@ struct RecognitionServer::Impl {
                             : "gzip stream truncated: the body ended inside a gzip member");
         }
         if (request.error_status != 0) {
+            request.lease.reset();
             if (!has_reader(*session)) {
                 finish_session(session, request.error_message);  // nobody to tell
             }
             return queue_json(connection, request.error_status,
-                              error_json(request.error_message, session->id));
+                              error_body(request.error_message, session->id));
         }
         std::string text;
-        uint64_t samples = 0;
-        if (request.decoder) {
+        if (request.lease.decoder) {
             const auto t0 = Clock::now();
-            text = request.decoder->finish();
+            text = request.lease.decoder->finish();
             decode_us +=
                 std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count();
-            samples = request.decoder->samples();
         }
-        const uint64_t ms = samples * 1000 / kSampleRate;
+        request.lease.reset();
+        const uint64_t ms = request.samples_in * 1000 / kSampleRate;
         audio_ms += ms;
         ++uploads_completed;
-        // Kept for a results stream that has yet to come (or until the idle limit).
-        push_event(*session, "{\"type\":\"final\",\"text\":" + quoted(text) + "}\n", true);
+        // Every upload ends its results with a final, even silence (""), unless the last
+        // utterance's final went out at its pause: then the stream simply ends. Kept for a
+        // results stream that has yet to come (or until the idle limit).
+        if (!text.empty() || request.finals.empty()) {
+            push_event(*session, final_event(text), true);
+        } else {
+            push_event(*session, std::string(), true);
+        }
+        if (!text.empty()) {
+            request.finals.push_back(text);
+        }
+        std::string all;
+        for (const std::string& f : request.finals) {
+            all += (all.empty() ? "" : " ") + f;
+        }
         return queue_json(connection, MHD_HTTP_OK,
-                          "{\"session\":" + quoted(session->id) +
-                              ",\"bytes\":" + std::to_string(request.compressed_bytes) +
-                              ",\"audio_ms\":" + std::to_string(ms) + ",\"text\":" + quoted(text) +
-                              "}\n");
+                          json_line(Json{{"session", session->id},
+                                         {"bytes", request.compressed_bytes},
+                                         {"audio_ms", ms},
+                                         {"text", all},
+                                         {"finals", request.finals}}));
     }
 
     // --- results stream ---
@@ -509,12 +591,16 @@ struct RecognitionServer::Impl {
             if (stream.delivered_terminal) {
                 return MHD_CONTENT_READER_END_OF_STREAM;
             }
-            if (!stream.impl->next_events(stream) || stream.pending.empty()) {
+            if (!stream.impl->next_events(stream)) {
                 return MHD_CONTENT_READER_END_WITH_ERROR;
+            }
+            if (stream.pending.empty()) {  // a bare end of stream
+                return MHD_CONTENT_READER_END_OF_STREAM;
             }
         }
         const size_t n = std::min(max, stream.pending.size());
-        std::memcpy(buf, stream.pending.data(), n);
+        // A body piece, not a string: nothing to terminate.
+        std::memcpy(buf, stream.pending.data(), n);  // NOLINT(bugprone-not-null-terminated-result)
         stream.pending.erase(0, n);
         return static_cast<ssize_t>(n);
     }
@@ -547,7 +633,7 @@ struct RecognitionServer::Impl {
         if (!response) {
             return MHD_NO;  // the request-completed callback detaches the reader
         }
-        stream.release();  // now owned by the response
+        static_cast<void>(stream.release());  // now owned by the response
         request.stream_queued = true;
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/octet-stream");
         // A results connection waits without a time limit (the stream watches idleness
@@ -562,51 +648,36 @@ struct RecognitionServer::Impl {
 
     MHD_Result route(MHD_Connection* connection, const std::string& url, const std::string& method,
                      Request& request) {
-        if (url == "/v1/health" || url == "/v1/grammar") {
-            if (method != "GET" && method != "HEAD") {
-                return queue_json(connection, MHD_HTTP_METHOD_NOT_ALLOWED,
-                                  error_json("use GET for " + url));
-            }
-            if (url == "/v1/health") {
-                return queue_json(
-                    connection, MHD_HTTP_OK,
-                    "{\"status\":\"ok\",\"sessions\":" + std::to_string(session_count()) + "}\n");
-            }
-            return queue_json(connection, MHD_HTTP_OK, grammar_json());
+        const Route to = route_request(method, url);
+        switch (to.target) {
+            case Route::kRefused:
+                return queue_json(connection, to.status, error_body(to.message));
+            case Route::kHealth:
+                return queue_json(connection, MHD_HTTP_OK,
+                                  json_line(Json{{"status", "ok"}, {"sessions", session_count()}}));
+            case Route::kGrammar:
+                return queue_json(connection, MHD_HTTP_OK, grammar_json());
+            case Route::kAudio:
+            case Route::kResults:
+                break;
         }
-        const std::string prefix = "/v1/sessions/";
-        const size_t slash = url.rfind('/');
-        const std::string tail = slash == std::string::npos ? "" : url.substr(slash + 1);
-        if (url.compare(0, prefix.size(), prefix) != 0 || slash < prefix.size() ||
-            (tail != "audio" && tail != "results")) {
-            return queue_json(connection, MHD_HTTP_NOT_FOUND, error_json("no such path: " + url));
-        }
-        if (method != "POST") {
-            return queue_json(connection, MHD_HTTP_METHOD_NOT_ALLOWED,
-                              error_json("use POST for " + url));
-        }
-        const std::string id = url.substr(prefix.size(), slash - prefix.size());
-        if (!valid_session_id(id)) {
-            return queue_json(connection, MHD_HTTP_BAD_REQUEST,
-                              error_json("session id must be 1-128 characters of [A-Za-z0-9._-]"));
-        }
-        const Request::Kind kind = tail == "audio" ? Request::kAudio : Request::kResults;
+        const Request::Kind kind = to.target == Route::kAudio ? Request::kAudio : Request::kResults;
         if (kind == Request::kAudio) {
             const char* encoding = MHD_lookup_connection_value(connection, MHD_HEADER_KIND,
                                                                MHD_HTTP_HEADER_CONTENT_ENCODING);
             if (!encoding ||
                 (strcasecmp(encoding, "gzip") != 0 && strcasecmp(encoding, "x-gzip") != 0)) {
                 return queue_json(connection, MHD_HTTP_UNSUPPORTED_MEDIA_TYPE,
-                                  error_json("audio must be gzip-compressed: send "
+                                  error_body("audio must be gzip-compressed: send "
                                              "Content-Encoding: gzip",
-                                             id));
+                                             to.session));
             }
         }
         unsigned status = 0;
         std::string message;
-        request.session = claim(id, kind, &status, &message);
+        request.session = claim(to.session, kind, &status, &message);
         if (!request.session) {
-            return queue_json(connection, status, error_json(message, id));
+            return queue_json(connection, status, error_body(message, to.session));
         }
         request.kind = kind;
         if (kind == Request::kResults) {
@@ -621,6 +692,9 @@ struct RecognitionServer::Impl {
                                  size_t* upload_data_size, void** con_cls) {
         Impl& impl = *static_cast<Impl*>(cls);
         if (*con_cls == nullptr) {
+            const MHD_ConnectionInfo* info =
+                MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+            impl.gate->head_done(info ? info->socket_context : nullptr);
             auto* request = new Request;
             *con_cls = request;
             return impl.route(connection, url ? url : "", method ? method : "", *request);
@@ -664,6 +738,23 @@ struct RecognitionServer::Impl {
         }
     }
 
+    // The gate's accounting of the connections libmicrohttpd holds.
+    static void on_connection(void* cls, MHD_Connection* connection, void** socket_context,
+                              MHD_ConnectionNotificationCode code) {
+        Impl& impl = *static_cast<Impl*>(cls);
+        if (code == MHD_CONNECTION_NOTIFY_STARTED) {
+            const MHD_ConnectionInfo* fd =
+                MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+            const MHD_ConnectionInfo* peer =
+                MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+            *socket_context =
+                impl.gate->opened(fd ? fd->connect_fd : -1, peer ? peer->client_addr : nullptr);
+        } else if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
+            impl.gate->closed(*socket_context);
+            *socket_context = nullptr;
+        }
+    }
+
     // --- misc ---
 
     size_t session_count() const {
@@ -672,17 +763,11 @@ struct RecognitionServer::Impl {
     }
 
     static std::string grammar_json() {
-        std::string body = "{\"grammar\":\"commands\",\"format\":\"JSGF\",\"patterns\":[";
-        const auto& patterns = command_patterns();
-        for (size_t i = 0; i < patterns.size(); ++i) {
-            body += (i ? "," : "") + quoted(patterns[i]);
-        }
-        body += "],\"examples\":[";
-        const auto& examples = example_phrases();
-        for (size_t i = 0; i < examples.size(); ++i) {
-            body += (i ? "," : "") + quoted(examples[i]);
-        }
-        return body + "],\"jsgf\":" + quoted(command_grammar_jsgf()) + "}\n";
+        return json_line(Json{{"grammar", "commands"},
+                              {"format", "JSGF"},
+                              {"patterns", command_patterns()},
+                              {"examples", example_phrases()},
+                              {"jsgf", command_grammar_jsgf()}});
     }
 
     void close_all_sessions() {
@@ -694,6 +779,10 @@ struct RecognitionServer::Impl {
                 all.push_back(entry.second);
             }
             janitor_cv.notify_all();
+        }
+        {
+            std::lock_guard<std::mutex> lock(decoders_m);
+            decoders_cv.notify_all();
         }
         for (auto& session : all) {
             std::lock_guard<std::mutex> lock(session->m);
@@ -728,16 +817,21 @@ bool RecognitionServer::start(const std::string& address, uint16_t port,
     }
 
     sockaddr_storage storage{};
-    unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO;
+    socklen_t storage_len = 0;
+    // The gate accepts; libmicrohttpd gets each connection once its request head is whole.
+    unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD |
+                     MHD_USE_AUTO | MHD_USE_NO_LISTEN_SOCKET | MHD_USE_ITC;
     const std::string host = address == "localhost" ? "127.0.0.1" : address;
     auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
     auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
     if (inet_pton(AF_INET, host.c_str(), &v4->sin_addr) == 1) {
         v4->sin_family = AF_INET;
         v4->sin_port = htons(port);
+        storage_len = sizeof(sockaddr_in);
     } else if (inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) == 1) {
         v6->sin6_family = AF_INET6;
         v6->sin6_port = htons(port);
+        storage_len = sizeof(sockaddr_in6);
         flags |= MHD_USE_IPv6;
     } else {
         impl.last_error = "not a numeric IP address: " + address;
@@ -758,11 +852,29 @@ bool RecognitionServer::start(const std::string& address, uint16_t port,
     if (impl.use_tls) {
         flags |= MHD_USE_TLS;
     }
+    GateOptions gate;
+    gate.head_timeout = impl.options.head_timeout;
+    gate.max_per_address = impl.options.max_connections_per_address;
+    gate.max_handed = impl.options.max_sessions * 2 + 16;
+    gate.check_heads = !impl.use_tls;
+    impl.gate = std::make_unique<ConnectionGate>(
+        gate, [&impl](int fd, const sockaddr* peer, socklen_t peer_len) {
+            // On failure libmicrohttpd has closed the socket itself.
+            MHD_add_connection(impl.daemon, fd, peer, peer_len);
+        });
+    if (!impl.gate->listen(reinterpret_cast<sockaddr*>(&storage), storage_len, &error)) {
+        impl.last_error = "cannot listen on " + address + ":" + std::to_string(port) + ": " + error;
+        impl.gate.reset();
+        impl.files.reset();
+        return false;
+    }
+
     const auto idle_s = static_cast<unsigned>((impl.options.idle_timeout.count() + 999) / 1000);
-    const unsigned connection_limit = static_cast<unsigned>(impl.options.max_sessions * 2 + 16);
+    // Above the gate's own limit, which answers newcomers itself.
+    const unsigned connection_limit = static_cast<unsigned>(gate.max_handed + 64);
     std::vector<MHD_OptionItem> options = {
-        {MHD_OPTION_SOCK_ADDR, 0, &storage},
         {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&Impl::on_completed), &impl},
+        {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&Impl::on_connection), &impl},
         {MHD_OPTION_CONNECTION_TIMEOUT, std::max(1u, idle_s), nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, connection_limit, nullptr},
     };
@@ -773,16 +885,20 @@ bool RecognitionServer::start(const std::string& address, uint16_t port,
     options.push_back({MHD_OPTION_END, 0, nullptr});
 
     impl.stopping = false;
-    impl.daemon = MHD_start_daemon(flags, port, nullptr, nullptr, &Impl::on_request, &impl,
+    impl.daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &Impl::on_request, &impl,
                                    MHD_OPTION_ARRAY, options.data(), MHD_OPTION_END);
-    if (!impl.daemon) {
-        impl.last_error = "cannot listen on " + address + ":" + std::to_string(port) +
-                          (impl.use_tls ? " (or the certificate/key is invalid)" : "");
+    if (!impl.daemon || !impl.gate->start(&error)) {
+        impl.last_error = "cannot serve on " + address + ":" + std::to_string(port) +
+                          (impl.use_tls ? " (the certificate or key may be invalid)" : "");
+        if (impl.daemon) {
+            MHD_stop_daemon(impl.daemon);
+            impl.daemon = nullptr;
+        }
+        impl.gate.reset();
         impl.files.reset();
         return false;
     }
-    const MHD_DaemonInfo* info = MHD_get_daemon_info(impl.daemon, MHD_DAEMON_INFO_BIND_PORT);
-    impl.bound_port = info ? info->port : port;
+    impl.bound_port = impl.gate->port();
     impl.janitor = std::thread([&impl] { impl.janitor_loop(); });
     impl.last_error.clear();
     return true;
@@ -798,7 +914,8 @@ void RecognitionServer::stop() {
     if (impl.janitor.joinable()) {
         impl.janitor.join();
     }
-    MHD_stop_daemon(impl.daemon);
+    impl.gate->stop();             // hands nothing more over
+    MHD_stop_daemon(impl.daemon);  // reports the connections it closes to the gate
     impl.daemon = nullptr;
     impl.bound_port = 0;
     {
@@ -809,6 +926,7 @@ void RecognitionServer::stop() {
         impl.table_cv.notify_all();
     }
     impl.files.reset();
+    Impl::give_memory_back();
 }
 
 bool RecognitionServer::running() const {
@@ -842,11 +960,27 @@ bool RecognitionServer::wait_for_session_count(size_t count,
 }
 
 ServerStats RecognitionServer::stats() const {
+    const Impl& impl = *impl_;
     ServerStats s;
-    s.sessions_created = impl_->sessions_created;
-    s.uploads_completed = impl_->uploads_completed;
-    s.audio_ms = impl_->audio_ms;
-    s.decode_us = impl_->decode_us;
+    s.sessions_created = impl.sessions_created;
+    s.uploads_completed = impl.uploads_completed;
+    s.audio_ms = impl.audio_ms;
+    s.decode_us = impl.decode_us;
+    s.decoders_refused = impl.decoders_refused;
+    {
+        std::lock_guard<std::mutex> lock(impl.decoders_m);
+        s.decoders_live = impl.decoders_live;
+        s.decoders_peak = impl.decoders_peak;
+    }
+    std::lock_guard<std::mutex> lock(impl.lifecycle);
+    if (impl.gate) {
+        const GateStats gate = impl.gate->stats();
+        s.connections_accepted = gate.accepted;
+        s.connections_refused = gate.refused;
+        s.connections_evicted = gate.evicted;
+        s.heads_timed_out = gate.timed_out;
+        s.heads_malformed = gate.malformed;
+    }
     return s;
 }
 

@@ -21,6 +21,15 @@ struct ServerOptions {
     std::chrono::milliseconds max_audio{5 * 60 * 1000};
     // Sessions alive at once; more are refused with 503.
     size_t max_sessions = 256;
+    // From accepting a connection to the end of its request head, however slowly the head
+    // trickles in; a late one is answered 408 and closed.
+    std::chrono::milliseconds head_timeout{10000};
+    // Connections one client address may hold at once (see "Hostile clients" below).
+    size_t max_connections_per_address = 64;
+    // Decoders alive at once (about 8 MB each). An upload whose audio finds them all busy waits
+    // up to decoder_wait for one, then is refused with 503.
+    size_t max_decoders = 32;
+    std::chrono::milliseconds decoder_wait{10000};
     ModelPaths model;
     // The decoder library logs a lot to stderr; it stays silent unless this is set. The setting
     // is process-wide (the library has one log), applied at start().
@@ -33,6 +42,17 @@ struct ServerStats {
     uint64_t uploads_completed = 0;  // uploads answered 200
     uint64_t audio_ms = 0;           // audio of the uploads answered 200
     uint64_t decode_us = 0;          // wall time spent inside decoders
+    size_t decoders_live = 0;        // now
+    size_t decoders_peak = 0;        // most alive at once
+    uint64_t decoders_refused = 0;   // uploads refused 503 after waiting for a decoder
+    // Connections, counted by the gate in front of the HTTP library (while it runs or since it
+    // last ran): accepted, answered 503 at once, closed while waiting for their head to make
+    // room for a newcomer, answered 408 for a late head, answered 4xx/5xx for a malformed one.
+    uint64_t connections_accepted = 0;
+    uint64_t connections_refused = 0;
+    uint64_t connections_evicted = 0;
+    uint64_t heads_timed_out = 0;
+    uint64_t heads_malformed = 0;
 };
 
 // An embedded speech-recognition server on libmicrohttpd: many sessions at once, each decoded by
@@ -40,37 +60,60 @@ struct ServerStats {
 //
 //   POST /v1/sessions/{id}/audio    gzip-compressed (Content-Encoding: gzip) 16 kHz mono s16le
 //                                   PCM, usually chunked; decoded as it arrives. Answered 200
-//                                   {"session","bytes","audio_ms","text"} once the body ends.
+//                                   {"session","bytes","audio_ms","text","finals"} once the
+//                                   body ends: "finals" lists every utterance's final, "text"
+//                                   is them joined by spaces.
 //   POST /v1/sessions/{id}/results  a chunked application/octet-stream of newline-delimited
 //                                   JSON events: {"type":"partial","text":..} when the
-//                                   hypothesis changes during speech, then exactly one terminal
-//                                   event, {"type":"final","text":..} or
-//                                   {"type":"error","status":N,"message":..}, then the end.
+//                                   hypothesis changes during speech, {"type":"final",
+//                                   "text":..} when an utterance ends, then the end. An
+//                                   utterance ends at each pause the decoder's voice-activity
+//                                   detector hears (about half a second of silence after
+//                                   speech) and at the end of the audio, so one upload can
+//                                   carry many commands; an upload that yields no final at all
+//                                   (silence) still gets one, with "text":"". On failure the
+//                                   last event is {"type":"error","status":N,"message":..}.
 //                                   The request body is ignored.
 //   GET  /v1/health                 {"status":"ok","sessions":N}
 //   GET  /v1/grammar                the phrases understood (patterns, examples, JSGF text)
 //
 // The two session requests meet by id, in either order; ids are 1-128 characters of
-// [A-Za-z0-9._-]. Errors are JSON {"error":..} with: 400 bad id, invalid or truncated gzip;
-// 404 unknown path; 405 wrong method; 409 a second upload or a second results stream for a live
-// session; 410 a finished session (ids are remembered for a while); 413 audio too long; 415 an
-// upload without Content-Encoding: gzip; 503 too many sessions or stopping. An error found in
-// the middle of a body is answered when the body ends (libmicrohttpd cannot answer earlier),
-// and is sent at once to the session's results stream. A client that disconnects ends its
-// session (the results stream gets an error event); a results client that leaves early frees the
-// session for another results stream; a session idle past the limit is ended.
-// Nothing a client sends affects another session.
+// [A-Za-z0-9._-]. Every error answer is JSON {"error":..}: 400 bad id, invalid or truncated
+// gzip, malformed request head; 404 unknown path; 405 wrong method; 408 request head too
+// slow; 409 a second upload or a second results stream for a live session; 410 a finished
+// session (ids are remembered for a while); 413 audio too long; 415 an upload without
+// Content-Encoding: gzip; 431 request head over 8 KiB; 501 a transfer coding other than
+// chunked; 503 too many sessions, connections or busy decoders, or stopping; 505 an HTTP
+// version other than 1.0 and 1.1. An error found in the middle of a body is answered when the
+// body ends (libmicrohttpd cannot answer earlier), and is sent at once to the session's results
+// stream. A client that disconnects ends its session (the results stream gets an error
+// event); a results client that leaves early frees the session for another results stream; a
+// session idle past the limit is ended. Nothing a client sends affects another session.
+// Every answer closes its connection, so each request head passes the gate below.
+//
+// Hostile clients: a gate thread (connection_gate.h) accepts every connection and holds it,
+// with no thread of its own, until its request head has arrived whole, within head_timeout of
+// the accept; only then does libmicrohttpd see it. A client address holds at most
+// max_connections_per_address connections; a newcomer from an address at its limit replaces
+// that address's oldest connection still waiting for its head (or is refused with 503). Over
+// HTTPS the head is encrypted: connections are handed over at once, under the same limits, and
+// one whose head has not been read by head_timeout is shut down.
+//
+// Memory: a decoder is made when an upload's first samples arrive and freed when its body
+// ends, at most max_decoders at once; the janitor hands freed heap back to the system.
 //
 // Threads: libmicrohttpd runs one thread per connection; a results stream blocks its own thread
-// waiting for events (in bounded slices, watching for the client hanging up). A janitor thread
-// ends idle sessions. Locks: the session table's lock may be held while taking one session's
+// waiting for events (in bounded slices, watching for the client hanging up); an upload waiting
+// for a decoder blocks its own. The gate thread accepts. A janitor thread ends idle sessions
+// and returns memory. Locks: the session table's lock may be held while taking one session's
 // lock, never the reverse; no lock is held while decoding or while calling libmicrohttpd.
 //
-// Cost, measured on the 2-core test machine: each session holds its own decoder (PocketSphinx
-// 0.8 cannot share a loaded acoustic model between decoders): about 12 ms to load with the
-// cut-down dictionary and about 8.3 MB resident, plus two connection threads. A decoder runs
-// at about 60x real time on one core, so decoding is rarely what limits a session; 20
-// concurrent uploads sent as fast as possible finish at about 75x real time in total.
+// Cost, measured on the 2-core test machine: each decoder (PocketSphinx 0.8 cannot share a
+// loaded acoustic model between decoders) takes about 12 ms to load with the cut-down
+// dictionary and about 8.2 MB resident; each session also holds two connection threads. A
+// decoder runs at about 60x real time on one core, so decoding is rarely what limits a
+// session; 20 concurrent uploads sent as fast as possible finish at about 75x real time in
+// total.
 // Public methods may be called from any thread.
 class RecognitionServer {
 public:

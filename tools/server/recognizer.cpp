@@ -90,10 +90,12 @@ std::unique_ptr<DecoderFiles> DecoderFiles::prepare(const ModelPaths& paths, std
     }
     params += std::string("-cmninit ") + command_voice_cmn() + '\n';
 
-    const char* base = std::getenv("TMPDIR");
+    // The program never changes its environment, so reading it is safe on any thread.
+    const char* base = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/kiv-asr-XXXXXX";
     if (!mkdtemp(&pattern[0])) {
-        set_error(error, std::string("cannot make a temporary directory: ") + std::strerror(errno));
+        set_error(error, std::string("cannot make a temporary directory: ") +
+                             std::system_category().message(errno));
         return nullptr;
     }
     std::unique_ptr<DecoderFiles> files(new DecoderFiles);
@@ -134,6 +136,10 @@ std::unique_ptr<Decoder> Decoder::create(const DecoderFiles& files, std::string*
     std::unique_ptr<Decoder> decoder(new Decoder);
     decoder->impl_.reset(new Impl);
     std::lock_guard<std::mutex> lock(init_mutex());
+    // The voice-activity detector's own end of speech, half a second of silence, is kept:
+    // shorter windows split commands spoken closer together but, measured on the synthesized
+    // ones, start adding words at the edges of an utterance, and end a single command inside
+    // its trailing silence (before its upload ends).
     cmd_ln_t* config =
         cmd_ln_init(nullptr, ps_args(), TRUE, "-hmm", files.acoustic_model().c_str(), "-dict",
                     files.dictionary_path().c_str(), "-jsgf", files.grammar_path().c_str(),
@@ -154,7 +160,7 @@ std::unique_ptr<Decoder> Decoder::create(const DecoderFiles& files, std::string*
 Decoder::~Decoder() {
     // PocketSphinx frees an utterance's search state only when the utterance ends: end an
     // abandoned one (a client that went away) before freeing the decoder, or that state leaks.
-    if (impl_ && impl_->ps && started_ && !finished_) {
+    if (impl_ && impl_->ps && in_utterance_) {
         ps_end_utt(impl_->ps);
     }
 }
@@ -163,11 +169,11 @@ bool Decoder::process(const int16_t* samples, size_t count) {
     if (finished_) {
         return false;
     }
-    if (!started_) {
+    if (!in_utterance_) {
         if (ps_start_utt(impl_->ps) < 0) {
             return false;
         }
-        started_ = true;
+        in_utterance_ = true;
     }
     if (count == 0) {
         return true;
@@ -177,33 +183,36 @@ bool Decoder::process(const int16_t* samples, size_t count) {
 }
 
 bool Decoder::in_speech() const {
-    return started_ && !finished_ && ps_get_in_speech(impl_->ps);
+    return in_utterance_ && ps_get_in_speech(impl_->ps);
 }
 
 std::string Decoder::hypothesis() const {
-    if (!started_) {
-        return std::string();
-    }
-    if (finished_) {
-        return final_;
+    if (!in_utterance_) {
+        return finished_ ? final_ : std::string();
     }
     int32 score = 0;
     const char* hyp = ps_get_hyp(impl_->ps, &score);
     return hyp ? hyp : "";
 }
 
-std::string Decoder::finish() {
-    if (finished_) {
-        return final_;
+std::string Decoder::end_utterance() {
+    if (!in_utterance_) {
+        return std::string();
     }
-    finished_ = true;
-    if (!started_) {
-        return final_;  // no audio at all: nothing recognised
-    }
+    in_utterance_ = false;
+    std::string text;
     if (ps_end_utt(impl_->ps) >= 0) {
         int32 score = 0;
         const char* hyp = ps_get_hyp(impl_->ps, &score);
-        final_ = hyp ? hyp : "";
+        text = hyp ? hyp : "";
+    }
+    return text;
+}
+
+std::string Decoder::finish() {
+    if (!finished_) {
+        final_ = end_utterance();
+        finished_ = true;
     }
     return final_;
 }

@@ -43,12 +43,13 @@ private:
     std::string feat_params_path_;
 };
 
-// One PocketSphinx decoder running one utterance, fed as audio arrives.
+// One PocketSphinx decoder running one utterance after another, fed as audio arrives.
 //
 // A decoder is not thread-safe: one thread at a time (the session's upload). Decoders of
 // different sessions run in parallel; only their construction is serialised, because the
 // decoder library's set-up touches process-wide state (its logging). PocketSphinx 0.8 has no
-// public way to share a loaded acoustic model between decoders, so each holds its own copy.
+// public way to share a loaded acoustic model between decoders, so each holds its own copy
+// (about 8 MB resident).
 class Decoder {
 public:
     static std::unique_ptr<Decoder> create(const DecoderFiles& files, std::string* error);
@@ -56,16 +57,22 @@ public:
     Decoder(const Decoder&) = delete;
     Decoder& operator=(const Decoder&) = delete;
 
-    // Decodes 16 kHz mono samples; the utterance starts with the first call. False on a decoder
-    // failure (the utterance is then unusable).
+    // Decodes 16 kHz mono samples; an utterance starts with the first call after create() or
+    // end_utterance(). False on a decoder failure (the utterance is then unusable) and after
+    // finish().
     bool process(const int16_t* samples, size_t count);
     // True while the voice-activity detector hears speech: partial results before speech are
-    // noise and are not reported.
+    // noise and are not reported. It turns false again about half a second into a pause,
+    // which is where an utterance is best ended.
     bool in_speech() const;
-    // The best hypothesis so far ("" when none).
+    // The best hypothesis of the utterance so far ("" when none).
     std::string hypothesis() const;
-    // Ends the utterance and returns the final hypothesis ("" when nothing was recognised).
-    // Later calls return the same text.
+    // Ends the utterance and returns its final hypothesis ("" when nothing was recognised or
+    // no utterance is open). Audio after it starts the next utterance; the feature
+    // normalisation carries over, updated with what this one heard.
+    std::string end_utterance();
+    // Ends the last utterance (as end_utterance()) and the decoder's use; returns that
+    // utterance's hypothesis. Later calls return the same text.
     std::string finish();
     uint64_t samples() const { return samples_; }
 
@@ -76,7 +83,7 @@ private:
     Decoder() = default;
     struct Impl;
     std::unique_ptr<Impl> impl_;
-    bool started_ = false;
+    bool in_utterance_ = false;
     bool finished_ = false;
     std::string final_;
     uint64_t samples_ = 0;

@@ -30,7 +30,8 @@ void set_error(std::string* error, const std::string& text) {
 class ScratchDir {
 public:
     ScratchDir() {
-        const char* base = std::getenv("TMPDIR");
+        // The program never changes its environment, so reading it is safe on any thread.
+        const char* base = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
         std::string pattern = std::string(base && *base ? base : "/tmp") + "/kiv-tts-XXXXXX";
         if (mkdtemp(&pattern[0])) {
             path_ = pattern;
@@ -55,6 +56,7 @@ private:
 // `error` set when it could not be started or did not exit normally.
 int run_program(const std::vector<std::string>& args, std::string* error) {
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (const std::string& a : args) {
         argv.push_back(const_cast<char*>(a.c_str()));
     }
@@ -69,13 +71,14 @@ int run_program(const std::vector<std::string>& args, std::string* error) {
     const int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) {
-        set_error(error, "cannot run " + args[0] + ": " + std::strerror(rc));
+        set_error(error, "cannot run " + args[0] + ": " + std::system_category().message(rc));
         return -1;
     }
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR) {
-            set_error(error, "cannot wait for " + args[0] + ": " + std::strerror(errno));
+            set_error(error,
+                      "cannot wait for " + args[0] + ": " + std::system_category().message(errno));
             return -1;
         }
     }
@@ -113,7 +116,8 @@ void put16(std::string& out, uint16_t v) {
 std::vector<int16_t> synthesize(const std::string& text, std::string* error, const Voice& voice) {
     ScratchDir dir;
     if (!dir.ok()) {
-        set_error(error, std::string("cannot make a temporary directory: ") + std::strerror(errno));
+        set_error(error, std::string("cannot make a temporary directory: ") +
+                             std::system_category().message(errno));
         return {};
     }
     const std::string text_path = dir.file("text.txt");

@@ -4,6 +4,8 @@
 #include <new>
 #include <utility>
 
+#include "core/utility/thread_annotations.h"
+
 namespace kiv {
 namespace Memory {
 
@@ -22,9 +24,12 @@ public:
         new (storage_) T(std::forward<Args>(args)...);
     }
 
-    T& operator*() { return *get(); }
-    T* operator->() { return get(); }
-    T* get() { return std::launder(reinterpret_cast<T*>(storage_)); }
+    // All three name the same object, also for the lock analysis when T is a lock.
+    T& operator*() KIV_RETURN_CAPABILITY(*reinterpret_cast<T*>(storage_)) { return *get(); }
+    T* operator->() KIV_RETURN_CAPABILITY(*reinterpret_cast<T*>(storage_)) { return get(); }
+    T* get() KIV_RETURN_CAPABILITY(*reinterpret_cast<T*>(storage_)) {
+        return std::launder(reinterpret_cast<T*>(storage_));
+    }
 
     // Builds a fresh object over the old one without destroying it: for a child process after
     // fork(), where the old object (a lock held by a thread that does not exist there) can

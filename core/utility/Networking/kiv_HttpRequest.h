@@ -65,7 +65,8 @@ protected:
     ~kiv_HttpRequest();
 
     // Told of the first cancel(); the request owns `cancellationHandlerParam` and deletes it.
-    void (*cancellationHandlerFunction)(kiv::Memory::kiv_shared_ptr_base*);
+    void (*cancellationHandlerFunction)(kiv::Memory::kiv_shared_ptr_base*)
+        KIV_GUARDED_BY(cancellationMutex);
     kiv::Memory::kiv_shared_ptr_base* cancellationHandlerParam;
     kiv::Threads::Synchronization::AppMutex* cancellationMutex;
 

@@ -22,7 +22,7 @@ using Synchronization::AppConditionMutex;
 int GlobalThreadPool::GLOBAL_POOL_THREAD_COUNT = 4;
 int GlobalThreadPool::MAX_POOL_THREAD_COUNT = INT_MAX;
 int GlobalThreadPool::EXTRA_WORKER_IDLE_MS = 5000;
-size_t GlobalThreadPool::WORKER_STACK_BYTES = 512 * 1024;
+size_t GlobalThreadPool::WORKER_STACK_BYTES = size_t{512} * 1024;
 
 // Everything the workers share with the pool. Co-owned by the pool and by every worker, so a
 // worker that outlives the pool (a transfer still running at exit) only touches live memory.
@@ -31,19 +31,20 @@ struct GlobalThreadPool::PoolState {
     PoolState(int core, int max, int idleMs, size_t stackBytes);
     ~PoolState();
 
-    kiv::Memory::NoDestructor<AppConditionMutex> cond;
-    std::deque<kiv_shared_ptr<ASRDispatchTaskBase>> queue;
+    AppConditionMutex cond;
+    std::deque<kiv_shared_ptr<ASRDispatchTaskBase>> queue KIV_GUARDED_BY(cond);
     const int coreCount;
     const int maxCount;
     const int idleTimeoutMs;
     const size_t stackBytes;
-    int workers = 0;            // threads alive or being started
-    int idle = 0;               // waiting workers that hold no wake-up
-    int wakeups = 0;            // wake-ups handed to waiting workers and not yet taken
-    int unclaimedStarters = 0;  // core workers being started that no task counts on yet
-    unsigned nextWorkerId = 0;
-    bool started = false;   // initInstance() ran
-    bool shutdown = false;  // the pool object is gone or going
+    int workers KIV_GUARDED_BY(cond) = 0;  // threads alive or being started
+    int idle KIV_GUARDED_BY(cond) = 0;     // waiting workers that hold no wake-up
+    int wakeups KIV_GUARDED_BY(cond) = 0;  // wake-ups handed to waiting workers and not yet taken
+    int unclaimedStarters KIV_GUARDED_BY(cond) =
+        0;  // core workers being started that no task counts on yet
+    unsigned nextWorkerId KIV_GUARDED_BY(cond) = 0;
+    bool started KIV_GUARDED_BY(cond) = false;   // initInstance() ran
+    bool shutdown KIV_GUARDED_BY(cond) = false;  // the pool object is gone or going
     // Links of the fork registry (below); guarded by its lock, not by `cond`.
     PoolState* prevLive = nullptr;
     PoolState* nextLive = nullptr;
@@ -61,21 +62,23 @@ pthread_mutex_t gRegistryLock = PTHREAD_MUTEX_INITIALIZER;
 GlobalThreadPool::PoolState* gLive = nullptr;
 bool gForkHandlersRegistered = false;
 
-void lockAllForFork() {
+// The fork handlers lock in one function and unlock in another (or rebuild the locks in the
+// child), which the lock analysis cannot follow.
+void lockAllForFork() KIV_NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_lock(&gRegistryLock);
     for (auto* state = gLive; state; state = state->nextLive) {
-        state->cond->lock();
+        state->cond.lock();
     }
 }
 
-void unlockAllAfterFork() {
+void unlockAllAfterFork() KIV_NO_THREAD_SAFETY_ANALYSIS {
     for (auto* state = gLive; state; state = state->nextLive) {
-        state->cond->unlock();
+        state->cond.unlock();
     }
     pthread_mutex_unlock(&gRegistryLock);
 }
 
-void resetAllInForkChild() {
+void resetAllInForkChild() KIV_NO_THREAD_SAFETY_ANALYSIS {
     for (auto* state = gLive; state; state = state->nextLive) {
         // Queued tasks belong to the parent's transfers; releasing them here would run their
         // clean-up in a process that does not own what they refer to. They are left alone.
@@ -93,7 +96,7 @@ void resetAllInForkChild() {
         state->unclaimedStarters = 0;
         // The condition still counts the parent's idle workers as waiters; a fresh one is built
         // over it (not destroyed: glibc would wait for those waiters forever).
-        state->cond.rebuild(0);
+        new (&state->cond) AppConditionMutex(0);
     }
     pthread_mutex_init(&gRegistryLock, nullptr);
 }
@@ -130,17 +133,18 @@ GlobalThreadPool::PoolState::~PoolState() {
         nextLive->prevLive = prevLive;
     }
     pthread_mutex_unlock(&gRegistryLock);
-    cond->~AppConditionMutex();
 }
 
 namespace {
 
 using State = GlobalThreadPool::PoolState;
 
-class StateLock {
+class KIV_SCOPED_CAPABILITY StateLock {
 public:
-    explicit StateLock(State* state) : iState(state) { iState->cond->lock(); }
-    ~StateLock() { iState->cond->unlock(); }
+    explicit StateLock(State* state) KIV_ACQUIRE(state->cond) : iState(state) {
+        iState->cond.lock();
+    }
+    ~StateLock() KIV_RELEASE() { iState->cond.unlock(); }
     StateLock(const StateLock&) = delete;
     StateLock& operator=(const StateLock&) = delete;
 
@@ -191,18 +195,18 @@ void workerLoop(State* state, bool coreStarter) {
         if (!state->queue.empty()) {
             kiv_shared_ptr<ASRDispatchTaskBase> task = state->queue.front();
             state->queue.pop_front();
-            state->cond->unlock();
+            state->cond.unlock();
             try {
                 runTask(task);
             } catch (...) {
                 // Forced unwind (the task ended the thread): release the task without the lock,
                 // uncount the worker and let the thread end; the guard unlocks.
                 task = static_cast<ASRDispatchTaskBase*>(nullptr);
-                state->cond->lock();
+                state->cond.lock();
                 --state->workers;
                 throw;
             }
-            state->cond->lock();
+            state->cond.lock();
             continue;
         }
 
@@ -227,9 +231,9 @@ void workerLoop(State* state, bool coreStarter) {
                 break;
             }
             if (extra) {
-                state->cond->waitUntilMs(deadline);
+                state->cond.waitUntilMs(deadline);
             } else {
-                state->cond->wait();
+                state->cond.wait();
             }
         }
         if (retire) {
@@ -317,7 +321,7 @@ GlobalThreadPool::~GlobalThreadPool() {
         iState->shutdown = true;
         neverStarted.swap(iState->queue);
     }
-    iState->cond->broadcast();
+    iState->cond.broadcast();
     // Tasks that never started are released here, outside the lock; running tasks stay with
     // their workers, which are not waited for.
     neverStarted.clear();
@@ -353,7 +357,7 @@ bool GlobalThreadPool::runTaskAsync(kiv_shared_ptr<ASRDispatchTaskBase> task) {
         // for the next worker that finishes.
     }
     if (wake) {
-        state->cond->signal();
+        state->cond.signal();
     }
     if (spawn && !startWorker(iState, id, false)) {
         // The task was counted on a worker that does not exist. Unless a worker that has just

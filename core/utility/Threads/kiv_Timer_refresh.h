@@ -87,11 +87,15 @@ private:
     static void timerMain(kiv::Memory::kiv_shared_ptr_base*);
     static void* timerThreadEntry(void*);
     static void stopAtExit();
-    // Disarms every armed timer and moves iTimers to a list that is never destroyed.
-    static void abandonArmedTimers();
-    static void beforeFork();
-    static void afterForkInParent();
-    static void afterForkInChild();
+    // Disarms every armed timer and moves iTimers to a list that is never destroyed. Runs only
+    // where no other thread can touch the timers (at exit once every user has left, in a fork
+    // child), without the lock.
+    static void abandonArmedTimers() KIV_NO_THREAD_SAFETY_ANALYSIS;
+    // Fork handlers: they lock in one function and unlock in another (or rebuild the lock in
+    // the child), which the lock analysis cannot follow.
+    static void beforeFork() KIV_NO_THREAD_SAFETY_ANALYSIS;
+    static void afterForkInParent() KIV_NO_THREAD_SAFETY_ANALYSIS;
+    static void afterForkInChild() KIV_NO_THREAD_SAFETY_ANALYSIS;
 
     // Fixed at creation.
     int timeoutMS;
@@ -109,22 +113,23 @@ private:
     // the timer thread sleeps until the earliest deadline.
     static Synchronization::AppConditionMutex TimerThreadState;
     // The armed timers, each holding a strong reference (guarded by TimerThreadState).
-    static std::list<kiv::Memory::kiv_shared_ptr<RefreshTimer>> iTimers;
+    static std::list<kiv::Memory::kiv_shared_ptr<RefreshTimer>> iTimers
+        KIV_GUARDED_BY(TimerThreadState);
 
     // One entry per armed timer, keyed by a deadline that is at most the timer's current one: a
     // refresh() only moves nextTimeoutTime, and the timer thread re-keys the entry when it
     // reaches the stale key (guarded by TimerThreadState).
-    static DeadlineQueue iDeadlines;
+    static DeadlineQueue iDeadlines KIV_GUARDED_BY(TimerThreadState);
     // The deadline the sleeping timer thread will wake at (~0ULL: none); 0 while it is awake.
     // A new timer with an earlier deadline signals it (guarded by TimerThreadState).
-    static unsigned long long iWakeAt;
-    static bool iThreadStarted;
-    static pthread_t iThread;
+    static unsigned long long iWakeAt KIV_GUARDED_BY(TimerThreadState);
+    static bool iThreadStarted KIV_GUARDED_BY(TimerThreadState);
+    static pthread_t iThread KIV_GUARDED_BY(TimerThreadState);
 
     // Positions of this timer in iTimers and iDeadlines; valid while armed (guarded by
     // TimerThreadState).
-    TimerList::iterator iTimersPos;
-    DeadlineQueue::iterator iDeadlinePos;
+    TimerList::iterator iTimersPos KIV_GUARDED_BY(TimerThreadState);
+    DeadlineQueue::iterator iDeadlinePos KIV_GUARDED_BY(TimerThreadState);
 };
 
 }  // namespace Threads

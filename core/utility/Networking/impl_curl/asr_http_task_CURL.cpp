@@ -66,7 +66,7 @@ constexpr int kStartBadUrl = -2;
 // Bytes an upload may hold queued and unsent when the request sets no limit of its own.
 constexpr long kDefaultUploadQueueLimit = 64L * 1024 * 1024;
 // How much of an upload's reply body the final delivery carries.
-constexpr size_t kUploadReplyLimit = 1024 * 1024;
+constexpr size_t kUploadReplyLimit = size_t{1024} * 1024;
 // An upload reader waiting for bytes sleeps until send_data, the last mark or cancel() wakes
 // it; all three change the state under the lock it waits with, so no wake-up can be missed.
 // The deadline is only a safety net and costs one wake-up per idle upload every few seconds.
@@ -193,7 +193,8 @@ std::string wrap_params::errorText(CURLcode code) const {
     if (code == CURLE_OK) {
         return std::string();
     }
-    std::string text(errorBuffer, strnlen(errorBuffer, sizeof errorBuffer));
+    std::string text(errorBuffer ? errorBuffer : "",
+                     errorBuffer ? strnlen(errorBuffer, CURL_ERROR_SIZE) : 0);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
         text.pop_back();
     }
@@ -244,6 +245,8 @@ kiv_shared_ptr<kiv_HttpResponse> kiv_http_request_maker::execute(
     }
 
     wrap_params transfer;  // frees the handle and the list on every way out
+    char errors[CURL_ERROR_SIZE] = {};
+    transfer.errorBuffer = errors;
     transfer.curl = curl_easy_init();
     long status = 200;
 
@@ -435,7 +438,6 @@ kiv_HttpTask_impl::kiv_HttpTask_impl()
       _refused_bytes(0),
       _queue_limit(kDefaultUploadQueueLimit),
       _bytes_sent(0),
-      _spare_timeout_message("[kiv_httptask_impl] downStream timeout."),
       _socket(CURL_SOCKET_BAD) {
     // Everything that can fail is made first, so a failure leaks nothing (the members above
     // are destroyed by the language, the ones below by the holders).
@@ -757,6 +759,9 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
         code = CURLE_OUT_OF_MEMORY;
     }
 
+    char errors[CURL_ERROR_SIZE] = {};
+    record->errorBuffer = errors;
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errors);
     if (code == CURLE_OK) {
         code = curl_easy_perform(curl);
         curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
@@ -783,6 +788,7 @@ void kiv_HttpTask_impl::performRequest(kiv_shared_ptr_base* params) {
         std::string curlError = record->errorText(code);
         std::string reply = std::move(record->reply);
         record->release();
+        record->errorBuffer = nullptr;  // it lives in this frame
 
         if (timerFired) {
             // The timeout delivery belongs to the timer thread.
@@ -854,8 +860,7 @@ void kiv_HttpTask_impl::timer_callback(kiv_shared_ptr_base* resource) {
         resp = kiv_HttpResponse::alloc();
         resp->setErrorMessage("[kiv_httptask_impl] downStream timeout.");
     } catch (const std::bad_alloc&) {
-        resp = _spare_final;
-        resp->setErrorMessage(std::move(_spare_timeout_message));
+        resp = _spare_final;  // its message is the transfer error's; the local error says timeout
     }
     resp->set_local_request_error(HTTP_REQUEST_TIMEOUT);
     if (ret.getPTR() && my_callbackFn) {
@@ -907,6 +912,7 @@ bool find_host(const std::string& url, int32_t& hostStart, int32_t& posEnd) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the layer's fixed signature
 std::string kiv_HttpTask_impl::getHostFromUrl(std::string url) {
     int32_t hostStart = 0;
     int32_t posEnd = 0;
@@ -916,6 +922,7 @@ std::string kiv_HttpTask_impl::getHostFromUrl(std::string url) {
     return url.substr(static_cast<size_t>(hostStart), static_cast<size_t>(posEnd - hostStart));
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the layer's fixed signature
 std::string kiv_HttpTask_impl::getResolveDNSMap(std::string hostUrl, char* ipUrl) {
     pinning::PinnedTarget target;
     std::string why;
@@ -925,6 +932,7 @@ std::string kiv_HttpTask_impl::getResolveDNSMap(std::string hostUrl, char* ipUrl
     return target.resolve;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the layer's fixed signature
 std::string kiv_HttpTask_impl::getHostUrl(std::string oriUrl, char* ipUrl) {
     pinning::PinnedTarget target;
     std::string why;
@@ -977,19 +985,13 @@ kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_H
     } else {
         curl_easy_setopt(curl, CURLOPT_URL, ipUrl);
     }
+    // libcurl has closed every socket of the handle by the time the worker releases the record,
+    // so the task outlives both callbacks.
+    curl_easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, &kiv_HttpTask_impl::socket_opened);
+    curl_easy_setopt(curl, CURLOPT_SOCKOPTDATA, this);
+    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION, &kiv_HttpTask_impl::socket_closing);
+    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETDATA, this);
     return params;
-}
-
-// Options every streaming transfer adds after its fixed list.
-void kiv_HttpTask_impl::finishOptions(wrap_params& params, kiv_HttpRequest& request) {
-    curl_easy_setopt(params.curl, CURLOPT_ERRORBUFFER, params.errorBuffer);
-    set_verification(params.curl, request);
-    // libcurl closes every socket of the handle by the time the worker releases the record, so
-    // the task outlives both callbacks.
-    curl_easy_setopt(params.curl, CURLOPT_SOCKOPTFUNCTION, &kiv_HttpTask_impl::socket_opened);
-    curl_easy_setopt(params.curl, CURLOPT_SOCKOPTDATA, this);
-    curl_easy_setopt(params.curl, CURLOPT_CLOSESOCKETFUNCTION, &kiv_HttpTask_impl::socket_closing);
-    curl_easy_setopt(params.curl, CURLOPT_CLOSESOCKETDATA, this);
 }
 
 int kiv_HttpTask_impl::socket_opened(void* clientp, curl_socket_t fd, curlsocktype) {
@@ -1032,10 +1034,7 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
     curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &kiv_HttpTask_impl::header_callback);
-    // A redirect is the server's answer to this upload and is delivered as one. Following it
-    // cannot re-send a streamed body: a 307/308 fails to rewind, and a 301-303 becomes a GET
-    // without the audio whose status would then be reported as the upload's answer.
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, params->headers);
     curl_easy_setopt(curl, CURLOPT_READFUNCTION, &kiv_HttpTask_impl::read_callback);
@@ -1044,10 +1043,14 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 
+    // A redirect is refused (libcurl's error 47): the streamed body cannot be sent again, and
+    // libcurl would follow a 301-303 with a GET, so the final answer would be another request's
+    // while the audio went nowhere.
+    curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 0L);
     // The server's answer is kept (bounded) for the final delivery.
     params->replyLimit = kUploadReplyLimit;
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, params.getPTR());
-    finishOptions(*params.getPTR(), *request.getPTR());
+    set_verification(curl, *request.getPTR());
 
     return dispatchTransfer(params);
 }
@@ -1231,7 +1234,7 @@ int kiv_HttpTask_impl::downloadChunkStart(kiv_shared_ptr<kiv_HttpRequest> reques
     curl_easy_setopt(curl, CURLOPT_PROGRESSDATA, this);
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    finishOptions(*params.getPTR(), *request.getPTR());
+    set_verification(curl, *request.getPTR());
 
     return dispatchTransfer(params);
 }

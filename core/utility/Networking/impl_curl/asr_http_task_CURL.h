@@ -15,6 +15,7 @@
 #include "core/utility/Networking/kiv_HttpRequestMaker.h"
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 #include "core/utility/Threads/kiv_Timer_refresh.h"
+#include "core/utility/thread_annotations.h"
 
 namespace kiv {
 namespace Networking {
@@ -32,8 +33,9 @@ struct wrap_params {
     CURL* curl = nullptr;
     curl_slist* headers = nullptr;
     curl_slist* resolve = nullptr;
-    // libcurl's text for a failed transfer (CURLOPT_ERRORBUFFER).
-    char errorBuffer[CURL_ERROR_SIZE] = {};
+    // libcurl's text for a failed transfer (CURLOPT_ERRORBUFFER): CURL_ERROR_SIZE bytes on the
+    // stack of whoever runs the transfer, so an idle stream does not carry them on the heap.
+    char* errorBuffer = nullptr;
     // The first bytes of an upload's reply body (the server's answer), up to `replyLimit`.
     std::string reply;
     size_t replyLimit = 0;
@@ -49,13 +51,16 @@ struct wrap_params {
     wrap_params& operator=(const wrap_params&) = delete;
 };
 
+// A pthread mutex the lock analysis knows as a lock (the same type, only annotated).
+typedef pthread_mutex_t kiv_pthread_mutex_t KIV_CAPABILITY("mutex");
+
 // Scoped lock on a pthread mutex.
-class PthreadLockGuard {
+class KIV_SCOPED_CAPABILITY PthreadLockGuard {
 public:
-    explicit PthreadLockGuard(pthread_mutex_t& m) : _m(m) {
+    explicit PthreadLockGuard(kiv_pthread_mutex_t& m) KIV_ACQUIRE(m) : _m(m) {
         pthread_mutex_lock(const_cast<pthread_mutex_t*>(&_m));
     }
-    ~PthreadLockGuard() { pthread_mutex_unlock(const_cast<pthread_mutex_t*>(&_m)); }
+    ~PthreadLockGuard() KIV_RELEASE() { pthread_mutex_unlock(const_cast<pthread_mutex_t*>(&_m)); }
 
 private:
     PthreadLockGuard();
@@ -181,16 +186,14 @@ private:
     int downloadChunkStart(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request);
     static size_t write_callback(char* ptr, size_t size, size_t nmemb, void* userdata);
     // First steps shared by both start operations: the record with the handle and the two
-    // header lines, then the URL, with HTTPS pinning where the URL asks for it.
+    // header lines, then the URL, with HTTPS pinning where the URL asks for it, and the socket
+    // callbacks.
     kiv::Memory::kiv_shared_ptr<wrap_params> prepareTransfer(CURL* curl, kiv_HttpRequest* request,
                                                              const char* header1,
                                                              const char* header2);
-    // Options every streaming transfer sets after its fixed list: libcurl's error buffer, the
-    // certificate verification the request asks for, and the socket callbacks below.
-    void finishOptions(wrap_params& params, kiv_HttpRequest& request);
-    // libcurl's socket callbacks (`clientp` is the task): they keep `_socket` while libcurl has
-    // the transfer's connection open, so that cancel() can wake a transfer that waits on the
-    // network. A socket opened after cancel() is refused.
+    // libcurl's socket callbacks (`clientp` is the task), set by prepareTransfer: they keep
+    // `_socket` while libcurl has the transfer's connection open, so that cancel() can wake a
+    // transfer that waits on the network. A socket opened after cancel() is refused.
     static int socket_opened(void* clientp, curl_socket_t fd, curlsocktype purpose);
     static int socket_closing(void* clientp, curl_socket_t fd);
 
@@ -220,18 +223,18 @@ private:
 
     request_callback_fn my_callbackFn;
     kiv::Memory::kiv_shared_ptr_base* _callbackUserParam;
-    kiv::Memory::kiv_shared_ptr<kiv::PCMQueue> _upload_data;
-    kiv::Memory::kiv_shared_ptr<kiv::Threads::RefreshTimer> _timer;
+    kiv::Memory::kiv_shared_ptr<kiv::PCMQueue> _upload_data KIV_GUARDED_BY(_cond_mutex);
+    kiv::Memory::kiv_shared_ptr<kiv::Threads::RefreshTimer> _timer KIV_GUARDED_BY(_timer_mutex);
     // The end guard, shared by the caller's thread, the worker and the timer thread; only ever
     // read and set with atomic operations.
     bool _is_canceled;
-    bool _is_last;
+    bool _is_last KIV_GUARDED_BY(_cond_mutex);
     bool _is_https;
-    long _total_size;
+    long _total_size KIV_GUARDED_BY(_cond_mutex);
     // Where a thread waits for running deliveries to finish (the delivery gate's slow path).
     kiv::Threads::Synchronization::AppConditionMutex* notEmpty;
     pthread_cond_t _cond;
-    pthread_mutex_t _cond_mutex;
+    kiv_pthread_mutex_t _cond_mutex;
     HTTP_REQUEST_METHOD _method;
     kiv::Threads::Synchronization::AppMutex* _timer_mutex;
     kiv::Threads::Synchronization::AppMutex* _audio_queue_mutex;
@@ -249,20 +252,19 @@ private:
     // deliveries to finish. Bits 3 and up: deliveries running.
     std::atomic<uint32_t> _gate;
     // Upload: the queue refused a piece; the reader abandons the body. Under _cond_mutex.
-    bool _upload_failed;
-    long _refused_bytes;
+    bool _upload_failed KIV_GUARDED_BY(_cond_mutex);
+    long _refused_bytes KIV_GUARDED_BY(_cond_mutex);
     // Upload bytes that may be queued and not yet sent (the request's _UPLOAD_QUEUE_LIMIT).
     long _queue_limit;
     std::atomic<int64_t> _bytes_sent;
     // What the one final delivery uses when no response can be allocated at the end (made with
     // the task, so the final delivery never depends on memory).
     kiv::Memory::kiv_shared_ptr<kiv_HttpResponse> _spare_final;
-    std::string _spare_timeout_message;
     // Why the URLs could not be pinned (set by a start that refused them).
     std::string _pin_failure;
     // The transfer's connection while libcurl has it open, else CURL_SOCKET_BAD. Under
     // _cond_mutex, which libcurl's close goes through: cancel() never touches a reused number.
-    curl_socket_t _socket;
+    curl_socket_t _socket KIV_GUARDED_BY(_cond_mutex);
 
     kiv_HttpTask_impl(const kiv_HttpTask_impl&) = delete;
     kiv_HttpTask_impl& operator=(const kiv_HttpTask_impl&) = delete;

@@ -10,16 +10,16 @@ namespace Synchronization {
 // Scoped lock on an AppMutex: locked in the constructor, unlocked in the destructor (also when
 // an exception leaves the scope) unless ReleaseMutex() already unlocked it. A null mutex makes
 // the guard a no-op.
-class AppLock {
+class KIV_SCOPED_CAPABILITY AppLock {
 public:
-    explicit AppLock(AppMutex* mutex) : iMutex(mutex) {
+    explicit AppLock(AppMutex* mutex) KIV_ACQUIRE(mutex) : iMutex(mutex) {
         if (iMutex) {
             iMutex->lock();
         }
     }
-    ~AppLock() { ReleaseMutex(); }
+    ~AppLock() KIV_RELEASE() { ReleaseMutex(); }
 
-    void ReleaseMutex() {
+    void ReleaseMutex() KIV_RELEASE() {
         if (iMutex) {
             iMutex->unlock();
             iMutex = nullptr;
