@@ -26,15 +26,6 @@ using std::chrono::seconds;
 
 namespace {
 
-std::string pattern(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    std::mt19937 rng(seed);
-    for (char& c : bytes) {
-        c = static_cast<char>(rng());
-    }
-    return bytes;
-}
-
 // Upload endpoint that records the body and answers `status`.
 void serve_upload(HttpServer& server, unsigned status = 200) {
     server.on("/up", [status](const ReceivedRequest&) { return Reply::text("ok", status); });
