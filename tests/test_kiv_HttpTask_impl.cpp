@@ -817,6 +817,12 @@ TEST(StreamingProcessTest, StartsThatCannotRunStillEndAndFreeTheirHandles) {
 TEST(StreamingProcessTest, ForkedChildStreamsWithAPoolOfItsOwn) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "ThreadSanitizer does not support threads started after a multi-threaded fork";
+#elif defined(__SANITIZE_ADDRESS__)
+    // Seen here: a child blocked for ever in the sanitizer's own allocator, on a size-class lock
+    // that a parent thread held at fork() (about 1 run in 150); glibc's allocator has fork
+    // handlers, this toolchain's sanitizer allocator does not lock them all.
+    GTEST_SKIP() << "AddressSanitizer's allocator here is not fork-safe with other threads "
+                    "allocating; the optimised build runs this test";
 #endif
     HttpServer server;
     server.on("/down", [](const ReceivedRequest&) { return Reply::text("piece"); });
