@@ -1154,16 +1154,26 @@ void kiv_HttpTask_impl::send_data(kiv_shared_ptr<unsigned char>& post_data, long
                 static_cast<void*>(post_data.getPTR()), data_len, static_cast<void*>(this));
         return;
     }
+    // The reader is woken after the lock is released, so that it does not wake into a lock still
+    // held here (a wake-and-block costs it a second switch). The state changed under the lock,
+    // so no wake-up can be missed.
+    if (queuePiece(post_data, data_len, is_last)) {
+        pthread_cond_broadcast(&_cond);
+    }
+}
+
+bool kiv_HttpTask_impl::queuePiece(kiv_shared_ptr<unsigned char>& post_data, long data_len,
+                                   bool is_last) {
     PthreadLockGuard lock(_cond_mutex);
     if (!_upload_data.getPTR()) {
-        return;  // not started: nothing to feed
+        return false;  // not started: nothing to feed
     }
     if (_method != HTTP_REQUEST_METHOD_CHUNK_UP) {
         KIV_LOG(2,
                 "[ERROR]-[%s][%s:570][kiv_HttpTask_impl::send_data] not an upload task, %ld "
                 "bytes refused, this=%p\n",
                 data_len, static_cast<void*>(this));
-        return;
+        return false;
     }
     if (isCancelled() || _upload_failed) {
         // A send racing with the end of the stream: nobody will read these bytes.
@@ -1171,14 +1181,14 @@ void kiv_HttpTask_impl::send_data(kiv_shared_ptr<unsigned char>& post_data, long
                 "[DEBUG]-[%s][%s:577][kiv_HttpTask_impl::send_data] task ended, %ld bytes "
                 "dropped, this=%p\n",
                 data_len, static_cast<void*>(this));
-        return;
+        return false;
     }
     if (_is_last) {
         KIV_LOG(2,
                 "[ERROR]-[%s][%s:583][kiv_HttpTask_impl::send_data] after the last piece, %ld "
                 "bytes refused, this=%p\n",
                 data_len, static_cast<void*>(this));
-        return;
+        return false;
     }
     if (data_len > 0) {
         int queued = -1;
@@ -1198,13 +1208,12 @@ void kiv_HttpTask_impl::send_data(kiv_shared_ptr<unsigned char>& post_data, long
                     "[ERROR]-[%s][%s:600][kiv_HttpTask_impl::send_data] queue refused %ld bytes "
                     "(%ld queued, limit %ld), upload ends, this=%p\n",
                     data_len, _total_size, _queue_limit, static_cast<void*>(this));
-            pthread_cond_broadcast(&_cond);
-            return;
+            return true;  // the reader abandons the body
         }
         _total_size += data_len;
     }
     _is_last = is_last;
-    pthread_cond_broadcast(&_cond);
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------

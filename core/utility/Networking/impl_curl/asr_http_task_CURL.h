@@ -176,6 +176,9 @@ private:
                       kiv::Memory::kiv_shared_ptr_base* param);
 
     // Chunked upload.
+    // send_data's work under the hand-off lock; true when the reader must look again.
+    bool queuePiece(kiv::Memory::kiv_shared_ptr<unsigned char>& post_data, long data_len,
+                    bool is_last);
     int uploadChunkStart(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request);
     static size_t read_callback(char* buffer, size_t size, size_t nitems, void* instream);
     static size_t header_callback(char* buffer, size_t size, size_t nitems, void* userdata);
