@@ -35,6 +35,9 @@ echo "== ThreadSanitizer build"
 CTEST_ARGS="-LE demo" run_suite build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKIV_HTTP_SANITIZE=thread -DKIV_HTTP_BUILD_BENCH=OFF -DKIV_HTTP_BUILD_TOOLS=OFF
 
+echo "== soak, short form: the concurrency suites 3 times in both sanitizer builds beside a busy loop"
+bash scripts/soak.sh 3
+
 echo "== clang build: lock annotations checked (-Wthread-safety -Werror), everything compiled"
 cmake -S "$root" -B build/clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang \
     -DCMAKE_CXX_COMPILER=clang++ -DKIV_HTTP_BUILD_BENCH=OFF >/dev/null

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +26,16 @@ using kiv::Networking::HTTP_REQUEST_ERROR;
 using kiv::Networking::kiv_http_request_maker;
 using kiv::Networking::kiv_HttpRequest;
 using kiv::Networking::kiv_HttpResponse;
+
+// `size` pseudo-random bytes (zeros and high bytes included), the same for the same seed.
+inline std::string pattern(size_t size, unsigned seed) {
+    std::string bytes(size, '\0');
+    std::mt19937 rng(seed);
+    for (char& c : bytes) {
+        c = static_cast<char>(rng());
+    }
+    return bytes;
+}
 
 // One call of the completion callback, as the caller saw it.
 struct Delivery {

@@ -28,15 +28,6 @@ namespace {
 const char kHost[] = "asr.kiv-hostile.test";  // a name no resolver knows
 const char kPath[] = "/stream";
 
-std::string pattern(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    std::mt19937 rng(seed);
-    for (char& c : bytes) {
-        c = static_cast<char>(rng());
-    }
-    return bytes;
-}
-
 // `payload` as chunks of at most `piece` bytes, without the last chunk.
 std::string chunks(const std::string& payload, size_t piece) {
     std::string framed;

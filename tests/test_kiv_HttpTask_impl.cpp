@@ -26,15 +26,6 @@ using std::chrono::seconds;
 
 namespace {
 
-std::string pattern(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    std::mt19937 rng(seed);
-    for (char& c : bytes) {
-        c = static_cast<char>(rng());
-    }
-    return bytes;
-}
-
 // Upload endpoint that records the body and answers `status`.
 void serve_upload(HttpServer& server, unsigned status = 200) {
     server.on("/up", [status](const ReceivedRequest&) { return Reply::text("ok", status); });
@@ -830,11 +821,12 @@ TEST(StreamingProcessTest, StartsThatCannotRunStillEndAndFreeTheirHandles) {
 TEST(StreamingProcessTest, ForkedChildStreamsWithAPoolOfItsOwn) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "ThreadSanitizer does not support threads started after a multi-threaded fork";
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-    // Seen in the soak: the child's first worker blocked for ever on the allocator's lock.
-    GTEST_SKIP() << "AddressSanitizer does not hold its allocator's lock across fork(): a child "
-                    "forked while another thread frees memory can block in its first allocation";
+#elif defined(__SANITIZE_ADDRESS__)
+    // Seen here: a child blocked for ever in the sanitizer's own allocator, on a size-class lock
+    // that a parent thread held at fork() (about 1 run in 150); glibc's allocator has fork
+    // handlers, this toolchain's sanitizer allocator does not lock them all.
+    GTEST_SKIP() << "AddressSanitizer's allocator here is not fork-safe with other threads "
+                    "allocating; the optimised build runs this test";
 #endif
     HttpServer server;
     server.on("/down", [](const ReceivedRequest&) { return Reply::text("piece"); });

@@ -201,7 +201,7 @@ std::unique_ptr<RawConnection> dial(uint16_t port, const std::string& source = "
         }
         return nullptr;
     }
-    return std::make_unique<RawConnection>(fd);
+    return std::make_unique<RawConnection>(fd, nullptr);
 }
 
 // The status and Content-Length body of the next answer on `c`; status 0 when none came.

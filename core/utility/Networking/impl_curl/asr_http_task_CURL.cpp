@@ -434,7 +434,7 @@ kiv_HttpTask_impl::kiv_HttpTask_impl()
       _hasUserParam(false),
       _transferParam(nullptr),
       _gate(0),
-      _upload_failed(false),
+      _upload_failed{false},
       _refused_bytes(0),
       _queue_limit(kDefaultUploadQueueLimit),
       _bytes_sent(0),
@@ -985,13 +985,17 @@ kiv_shared_ptr<wrap_params> kiv_HttpTask_impl::prepareTransfer(CURL* curl, kiv_H
     } else {
         curl_easy_setopt(curl, CURLOPT_URL, ipUrl);
     }
+    return params;
+}
+
+void kiv_HttpTask_impl::setOptionsAfterTheFixedList(CURL* curl, const kiv_HttpRequest& request) {
+    set_verification(curl, request);
     // libcurl has closed every socket of the handle by the time the worker releases the record,
     // so the task outlives both callbacks.
     curl_easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, &kiv_HttpTask_impl::socket_opened);
     curl_easy_setopt(curl, CURLOPT_SOCKOPTDATA, this);
     curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION, &kiv_HttpTask_impl::socket_closing);
     curl_easy_setopt(curl, CURLOPT_CLOSESOCKETDATA, this);
-    return params;
 }
 
 int kiv_HttpTask_impl::socket_opened(void* clientp, curl_socket_t fd, curlsocktype) {
@@ -1050,7 +1054,7 @@ int kiv_HttpTask_impl::uploadChunkStart(kiv_shared_ptr<kiv_HttpRequest> request)
     // The server's answer is kept (bounded) for the final delivery.
     params->replyLimit = kUploadReplyLimit;
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, params.getPTR());
-    set_verification(curl, *request.getPTR());
+    setOptionsAfterTheFixedList(curl, *request.getPTR());
 
     return dispatchTransfer(params);
 }
@@ -1138,11 +1142,7 @@ int kiv_HttpTask_impl::chunk_http_progress_cb(void* clientp, double, double, dou
     // A refused piece abandons the upload, but the reader that acts on it runs only when the
     // socket takes more bytes: against a peer that has stopped reading, the upload would wait
     // for ever. The progress function runs regardless, so it abandons the body too.
-    if (task->_method == HTTP_REQUEST_METHOD_CHUNK_UP) {
-        PthreadLockGuard lock(task->_cond_mutex);
-        return task->_upload_failed ? 1 : 0;
-    }
-    return 0;
+    return task->_upload_failed.load(std::memory_order_acquire) ? 1 : 0;
 }
 
 void kiv_HttpTask_impl::send_data(kiv_shared_ptr<unsigned char>& post_data, long data_len,
@@ -1192,7 +1192,7 @@ void kiv_HttpTask_impl::send_data(kiv_shared_ptr<unsigned char>& post_data, long
         if (queued != data_len) {
             // Losing the piece would corrupt the stream; end it instead, with the error
             // delivery (the reader abandons the body when it sees this).
-            _upload_failed = true;
+            _upload_failed.store(true, std::memory_order_release);
             _refused_bytes = data_len;
             KIV_LOG(2,
                     "[ERROR]-[%s][%s:600][kiv_HttpTask_impl::send_data] queue refused %ld bytes "
@@ -1234,7 +1234,7 @@ int kiv_HttpTask_impl::downloadChunkStart(kiv_shared_ptr<kiv_HttpRequest> reques
     curl_easy_setopt(curl, CURLOPT_PROGRESSDATA, this);
     set_progress_function(curl, &kiv_HttpTask_impl::chunk_http_progress_cb);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    set_verification(curl, *request.getPTR());
+    setOptionsAfterTheFixedList(curl, *request.getPTR());
 
     return dispatchTransfer(params);
 }

@@ -191,7 +191,10 @@ private:
     kiv::Memory::kiv_shared_ptr<wrap_params> prepareTransfer(CURL* curl, kiv_HttpRequest* request,
                                                              const char* header1,
                                                              const char* header2);
-    // libcurl's socket callbacks (`clientp` is the task), set by prepareTransfer: they keep
+    // Options every streaming transfer sets after its fixed list: the certificate verification
+    // the request asks for, and the socket callbacks below.
+    void setOptionsAfterTheFixedList(CURL* curl, const kiv_HttpRequest& request);
+    // libcurl's socket callbacks (`clientp` is the task): they keep
     // `_socket` while libcurl has the transfer's connection open, so that cancel() can wake a
     // transfer that waits on the network. A socket opened after cancel() is refused.
     static int socket_opened(void* clientp, curl_socket_t fd, curlsocktype purpose);
@@ -252,7 +255,9 @@ private:
     // deliveries to finish. Bits 3 and up: deliveries running.
     std::atomic<uint32_t> _gate;
     // Upload: the queue refused a piece; the reader abandons the body. Under _cond_mutex.
-    bool _upload_failed KIV_GUARDED_BY(_cond_mutex);
+    // Also read, without the lock, by the progress function: against a peer that has stopped
+    // reading, the reader is not called, and the progress function abandons the body instead.
+    std::atomic<bool> _upload_failed;
     long _refused_bytes KIV_GUARDED_BY(_cond_mutex);
     // Upload bytes that may be queued and not yet sent (the request's _UPLOAD_QUEUE_LIMIT).
     long _queue_limit;
