@@ -629,9 +629,11 @@ TEST(StreamingEdgeTest, RefusedPieceEndsTheUploadWithOneErrorAndTheEndMarkIsFina
         ASSERT_TRUE(server.wait_for_finished(1, milliseconds(20000)));
         EXPECT_EQ(server.received().at(0).find("\r\n0\r\n\r\n"), std::string::npos);
     }
-    // Pieces after the last one are refused and do not reopen the body.
+    // Pieces after the last one are refused and do not reopen the body. The server holds its
+    // answer back meanwhile: once the upload has ended, a piece is dropped without a word.
     HttpServer server;
-    serve_upload(server);
+    auto answer = std::make_shared<PieceQueue>();
+    server.on("/up", [answer](const ReceivedRequest&) { return Reply::streamed(answer); });
     Stream stream;
     stream.start(server.url("/up"), HTTP_REQUEST_METHOD_CHUNK_UP);
     stream.send("whole", true);
@@ -642,6 +644,8 @@ TEST(StreamingEdgeTest, RefusedPieceEndsTheUploadWithOneErrorAndTheEndMarkIsFina
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_NE(lines[0].find("after the last piece"), std::string::npos);
     }
+    answer->push("ok");
+    answer->close();
     ASSERT_TRUE(stream.wait_final());
     EXPECT_EQ(stream.finals().at(0).status, 200);
     EXPECT_EQ(stream.finals().at(0).body, "ok") << "the upload's final delivery carries the reply";
@@ -691,9 +695,9 @@ TEST(StreamingEdgeTest, FailuresCarryLibcurlsReasonAndThrowingCallbacksEndTheTra
         }
     };
     throwing.start(server.url("/down"), HTTP_REQUEST_METHOD_CHUNK_DOWN);
-    queue->push("boom");
     {
-        LogCapture log(2);
+        LogCapture log(2);  // before the piece goes out: the throw is logged as it arrives
+        queue->push("boom");
         ASSERT_TRUE(throwing.wait_final());
         std::vector<std::string> lines = log.finish();
         ASSERT_FALSE(lines.empty());
