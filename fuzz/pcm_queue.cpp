@@ -65,6 +65,16 @@ int wrapping_diff(int to, int from) {
     return static_cast<int>(static_cast<unsigned>(to) - static_cast<unsigned>(from));
 }
 
+// A stream position: mostly near the queued bytes (before, inside or past them), sometimes any.
+int pick_position(FuzzedDataProvider& in, const Model& model) {
+    if (in.ConsumeIntegralInRange<int>(0, 7) == 0) {
+        return in.ConsumeIntegral<int>();
+    }
+    const int64_t delta =
+        in.ConsumeIntegralInRange<int64_t>(-300, static_cast<int64_t>(model.bytes.size()) + 300);
+    return static_cast<int>(static_cast<uint32_t>(model.logicStart) + static_cast<uint32_t>(delta));
+}
+
 int length(FuzzedDataProvider& in) {
     switch (in.ConsumeIntegralInRange<int>(0, 7)) {
         case 0:
@@ -195,15 +205,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 3: {  // readSamples at a stream position and buffer offset
                 const int offset = in.ConsumeIntegralInRange<int>(-1, 64);
                 const int n = length(in);
-                int position;
-                if (in.ConsumeIntegralInRange<int>(0, 7) == 0) {
-                    position = in.ConsumeIntegral<int>();
-                } else {
-                    const int64_t delta = in.ConsumeIntegralInRange<int64_t>(
-                        -300, static_cast<int64_t>(model.bytes.size()) + 300);
-                    position = static_cast<int>(static_cast<uint32_t>(model.logicStart) +
-                                                static_cast<uint32_t>(delta));
-                }
+                const int position = pick_position(in, model);
                 const size_t span = offset >= 0 && n >= 0
                                         ? static_cast<size_t>(offset) + static_cast<size_t>(n)
                                         : 0;
@@ -231,15 +233,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             }
             case 4: {  // shiftToLogicPos
-                int position;
-                if (in.ConsumeIntegralInRange<int>(0, 7) == 0) {
-                    position = in.ConsumeIntegral<int>();
-                } else {
-                    const int64_t delta = in.ConsumeIntegralInRange<int64_t>(
-                        -300, static_cast<int64_t>(model.bytes.size()) + 300);
-                    position = static_cast<int>(static_cast<uint32_t>(model.logicStart) +
-                                                static_cast<uint32_t>(delta));
-                }
+                const int position = pick_position(in, model);
                 const int ahead = wrapping_diff(position, model.logicStart);
                 const size_t want =
                     ahead <= 0 ? 0 : std::min(static_cast<size_t>(ahead), model.bytes.size());
