@@ -266,23 +266,8 @@ size_t word_errors(const std::string& reference, const std::string& hypothesis, 
     return d[r.size()][h.size()];
 }
 
-TEST(GzipStreamTest, FramesInflateOnArrivalAndDamagedStreamsAreRefused) {
-    std::vector<int16_t> pcm(kFrameSamples * 10);
-    std::iota(pcm.begin(), pcm.end(), -1000);
-    const std::vector<std::string> frames = gzip_frames(pcm);
-    GzipReader reader;
-    std::string out;
-    for (size_t f = 0; f < frames.size(); ++f) {
-        ASSERT_TRUE(reader.push(reinterpret_cast<const uint8_t*>(frames[f].data()),
-                                frames[f].size(), [&](const uint8_t* data, size_t size) {
-                                    out.append(reinterpret_cast<const char*>(data), size);
-                                    return true;
-                                }));
-        // Whole before the next frame is sent: nothing waits in zlib.
-        EXPECT_EQ(out.size(), std::min<size_t>(f + 1, 10) * kFrameSamples * 2);
-        EXPECT_EQ(reader.complete(), f + 1 == frames.size());
-    }
-    EXPECT_EQ(out, pcm_bytes(pcm));
+// Frames inflating on arrival and in any split are the gzip fuzzer's; here, the verdicts.
+TEST(GzipStreamTest, ConcatenatedMembersJoinAndDamagedStreamsAreRefused) {
     std::string joined;
     ASSERT_TRUE(gunzip(gzip("abc") + gzip("def"), &joined));  // concatenated members
     EXPECT_EQ(joined, "abcdef");
