@@ -204,26 +204,6 @@ TEST(ChunkedDownloadTest, CompressedBodyReachesCallerAsSent) {
     EXPECT_EQ(stream.body(), gz);
 }
 
-TEST(ChunkedDownloadTest, RefusedConnectionAndMissingUrlGiveOneErrorDelivery) {
-    ClosedPort closed;
-    Stream refused;
-    refused.start("http://127.0.0.1:" + std::to_string(closed.port()) + "/down",
-                  HTTP_REQUEST_METHOD_CHUNK_DOWN);
-    Stream noUrl;
-    auto request = kiv_HttpRequest::requestWithUrl(kiv_shared_ptr<char>());
-    request->_METHOD = HTTP_REQUEST_METHOD_CHUNK_UP;
-    kiv_shared_ptr<Recorder> param(new Recorder(noUrl.shared()));
-    noUrl.task()->start_request(request, &Recorder::callback, &param);
-    for (Stream* s : {&refused, &noUrl}) {
-        ASSERT_TRUE(s->wait_final());
-        std::vector<Delivery> all = s->deliveries();
-        ASSERT_EQ(all.size(), 1u);
-        EXPECT_EQ(all[0].error, HTTP_REQUEST_CHUNK_REQ_ERROR);
-        EXPECT_EQ(all[0].status, 0);
-        EXPECT_EQ(all[0].message, "[kiv_Chunk_Connection]downStream encouter error.");
-    }
-}
-
 TEST(ChunkedDownloadTest, CancelStopsDeliveriesAlsoFromInsideTheCallback) {
     for (bool fromCallback : {false, true}) {
         SCOPED_TRACE(fromCallback);
@@ -668,6 +648,13 @@ TEST(StreamingEdgeTest, FailuresCarryLibcurlsReasonAndThrowingCallbacksEndTheTra
     refused.start("http://127.0.0.1:" + std::to_string(closed.port()) + "/up",
                   HTTP_REQUEST_METHOD_CHUNK_UP);
     ASSERT_TRUE(refused.wait_final());
+    // A request without a URL fails at the start, with the same one error delivery.
+    Stream noUrl;
+    auto request = kiv_HttpRequest::requestWithUrl(kiv_shared_ptr<char>());
+    request->_METHOD = HTTP_REQUEST_METHOD_CHUNK_DOWN;
+    kiv_shared_ptr<Recorder> param(new Recorder(noUrl.shared()));
+    noUrl.task()->start_request(request, &Recorder::callback, &param);
+    ASSERT_TRUE(noUrl.wait_final());
 
     // A callback that throws on the first piece: caught at the libcurl boundary, and the
     // transfer ends with the error delivery.
@@ -697,13 +684,20 @@ TEST(StreamingEdgeTest, FailuresCarryLibcurlsReasonAndThrowingCallbacksEndTheTra
         int32_t curlCode;
         const char* text;
     };
-    for (const Case& c : {Case{&refused, 7, "onnect"}, Case{&throwing, 23, "writ"}}) {
+    for (const Case& c :
+         {Case{&refused, 7, "onnect"}, Case{&throwing, 23, "writ"}, Case{&noUrl, 0, ""}}) {
         std::vector<Delivery> finals = c.stream->finals();
         ASSERT_EQ(finals.size(), 1u);
         EXPECT_EQ(finals[0].error, HTTP_REQUEST_CHUNK_REQ_ERROR);
-        EXPECT_EQ(finals[0].curlCode, c.curlCode);
-        EXPECT_NE(finals[0].curlError.find(c.text), std::string::npos) << finals[0].curlError;
+        EXPECT_EQ(finals[0].status, 0);
+        EXPECT_EQ(finals[0].message, "[kiv_Chunk_Connection]downStream encouter error.");
+        if (c.curlCode != 0) {
+            EXPECT_EQ(finals[0].curlCode, c.curlCode);
+            EXPECT_NE(finals[0].curlError.find(c.text), std::string::npos) << finals[0].curlError;
+        }
     }
+    EXPECT_EQ(noUrl.deliveries().size(), 1u);
+    EXPECT_EQ(refused.deliveries().size(), 1u);
 }
 
 // ---------------------------------------------------------------------------------------------
