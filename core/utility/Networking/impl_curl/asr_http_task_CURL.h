@@ -189,17 +189,16 @@ private:
     int downloadChunkStart(kiv::Memory::kiv_shared_ptr<kiv_HttpRequest> request);
     static size_t write_callback(char* ptr, size_t size, size_t nmemb, void* userdata);
     // First steps shared by both start operations: the record with the handle and the two
-    // header lines, then the URL, with HTTPS pinning where the URL asks for it, and the socket
-    // callbacks.
+    // header lines, then the URL, with HTTPS pinning where the URL asks for it.
     kiv::Memory::kiv_shared_ptr<wrap_params> prepareTransfer(CURL* curl, kiv_HttpRequest* request,
                                                              const char* header1,
                                                              const char* header2);
     // Options every streaming transfer sets after its fixed list: the certificate verification
     // the request asks for, and the socket callbacks below.
     void setOptionsAfterTheFixedList(CURL* curl, const kiv_HttpRequest& request);
-    // libcurl's socket callbacks (`clientp` is the task): they keep
-    // `_socket` while libcurl has the transfer's connection open, so that cancel() can wake a
-    // transfer that waits on the network. A socket opened after cancel() is refused.
+    // libcurl's socket callbacks (`clientp` is the task): they keep `_socket` while libcurl has
+    // the transfer's connection open, so that cancel() can wake a transfer that waits on the
+    // network. A socket opened after cancel() is refused.
     static int socket_opened(void* clientp, curl_socket_t fd, curlsocktype purpose);
     static int socket_closing(void* clientp, curl_socket_t fd);
 
