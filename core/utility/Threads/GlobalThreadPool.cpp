@@ -40,8 +40,8 @@ struct GlobalThreadPool::PoolState {
     int workers KIV_GUARDED_BY(cond) = 0;  // threads alive or being started
     int idle KIV_GUARDED_BY(cond) = 0;     // waiting workers that hold no wake-up
     int wakeups KIV_GUARDED_BY(cond) = 0;  // wake-ups handed to waiting workers and not yet taken
-    int unclaimedStarters KIV_GUARDED_BY(cond) =
-        0;  // core workers being started that no task counts on yet
+    // Core workers being started that no task counts on yet.
+    int unclaimedStarters KIV_GUARDED_BY(cond) = 0;
     unsigned nextWorkerId KIV_GUARDED_BY(cond) = 0;
     bool started KIV_GUARDED_BY(cond) = false;   // initInstance() ran
     bool shutdown KIV_GUARDED_BY(cond) = false;  // the pool object is gone or going
